@@ -1,0 +1,173 @@
+"""A board of one's own: namespaces in which the daemon runs without touching the host.
+
+A board has its own mounts, network, processes and shared memory; every address of 127.0.0.0/8 is
+one of its hosts. Sockets made with Board.socket() live on its network, Board.path() reaches its
+files, Board.popen() runs programs on it. Needs root.
+"""
+
+import ctypes
+import os
+import re
+import signal
+import socket
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+REPOSITORY = HERE.parent
+CLONE_NEWNET = 0x40000000
+PATH = "/sys/board/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+
+_libc = ctypes.CDLL(None, use_errno=True)
+
+
+def wait_until(condition, what, timeout=10.0, interval=0.005):
+    """Polls until condition() is true and returns its value; fails after `timeout` seconds."""
+    end = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError(f"not within {timeout} s: {what}")
+        time.sleep(interval)
+
+
+def _enter_network(fd):
+    if _libc.setns(fd, CLONE_NEWNET) != 0:
+        raise OSError(ctypes.get_errno(), "setns")
+
+
+class Board:
+    """Use as a context manager, or call close()."""
+
+    def __init__(self, *visible):
+        folders = [str(REPOSITORY), *(str(Path(v).resolve()) for v in visible)]
+        self._holder = subprocess.Popen(
+            ["unshare", "--mount", "--net", "--pid", "--ipc", "--uts", "--fork", "--mount-proc",
+             "--kill-child=KILL", str(HERE / "setup.sh"), *folders],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        if self._holder.stdout.readline() != b"ready\n":
+            raise RuntimeError("the board could not be set up (root is needed)")
+        children = f"/proc/{self._holder.pid}/task/{self._holder.pid}/children"
+        self.pid = int(Path(children).read_text().split()[0])
+        self._home = os.open("/proc/self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
+        self._network = os.open(f"/proc/{self.pid}/ns/net", os.O_RDONLY | os.O_CLOEXEC)
+        self._root = Path(f"/proc/{self.pid}/root")
+        self._started = []
+        self._sockets = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        for opened in self._sockets:
+            opened.close()
+        self._holder.kill()
+        self._holder.wait()
+        self._holder.stdin.close()
+        self._holder.stdout.close()
+        for process in self._started:
+            process.wait()
+        os.close(self._home)
+        os.close(self._network)
+
+    def path(self, inside):
+        """The path, seen from outside, of a file of the board."""
+        return self._root / str(inside).lstrip("/")
+
+    def write(self, inside, content):
+        target = self.path(inside)
+        target.parent.mkdir(parents=True, exist_ok=True)
+        target.write_bytes(content if isinstance(content, bytes) else content.encode())
+        return target
+
+    def socket(self, kind=socket.SOCK_DGRAM, bind=None, timeout=5.0):
+        """A socket on the board's network; closed with the board."""
+        _enter_network(self._network)
+        try:
+            made = socket.socket(socket.AF_INET, kind)
+        finally:
+            _enter_network(self._home)
+        self._sockets.append(made)
+        made.settimeout(timeout)
+        if bind is not None:
+            made.bind(bind)
+        return made
+
+    def command(self, *arguments, env=None, cwd="/sys/board/app/daemon"):
+        """The command line that runs a program on the board with a clean environment."""
+        variables = {"PATH": PATH, "HOME": "/tmp", "LANG": "C.UTF-8", **(env or {})}
+        return ["nsenter", f"--target={self.pid}", "--mount", "--net", "--pid", "--ipc", "--uts",
+                f"--wd={self.path(cwd)}", "--", "/usr/bin/env", "-i",
+                *(f"{name}={value}" for name, value in variables.items()),
+                *(str(a) for a in arguments)]
+
+    def popen(self, *arguments, env=None, cwd="/sys/board/app/daemon", **options):
+        process = subprocess.Popen(self.command(*arguments, env=env, cwd=cwd), **options)
+        self._started.append(process)
+        return process
+
+    def run(self, *arguments, **options):
+        """Runs a program on the board to its end and returns its standard output."""
+        return subprocess.run(self.command(*arguments), check=True, stdout=subprocess.PIPE,
+                              **options).stdout
+
+    def log(self):
+        """What was run on the board so far: "sh -c TEXT" and "TOOL ARGUMENTS" lines."""
+        return self.path("/sys/board/log").read_text().splitlines()
+
+    def prepare_output(self, tool, text):
+        """What a stand-in prints from now on."""
+        self.write(f"/sys/board/{tool}.out", text)
+
+
+class Daemon:
+    """The daemon, running on a board, with its standard error kept in a file."""
+
+    def __init__(self, board, binary, error_file, env=None, runner=()):
+        self.board = board
+        self.error_file = Path(error_file)
+        with open(self.error_file, "wb") as stream:
+            self.process = board.popen(*runner, binary, env=env, stdin=subprocess.DEVNULL,
+                                       stdout=subprocess.DEVNULL, stderr=stream)
+
+    def errors(self):
+        return self.error_file.read_bytes().decode(errors="surrogateescape")
+
+    def wait_error(self, text, count=1, timeout=10.0):
+        """Waits until `text` has been written to standard error `count` times."""
+        wait_until(lambda: self.errors().count(text) >= count,
+                   f"{text!r} x {count} on standard error", timeout)
+
+    def wait_ready(self):
+        """Waits until start-up is over and the poller runs."""
+        wait_until(lambda: re.search("GPIO subsystem", self.errors()), "start-up done", 20.0)
+
+    @property
+    def pid(self):
+        """The process id, as the host sees it."""
+        runner = self.process.pid
+        children = Path(f"/proc/{runner}/task/{runner}/children")
+        return int(wait_until(lambda: children.read_text().split(), "the daemon's process")[0])
+
+    def alive(self):
+        return self.process.poll() is None
+
+    def wait_exit(self, timeout=10.0):
+        """Waits for the end and returns the exit status, negative for a signal."""
+        return self.process.wait(timeout)
+
+    def kill(self):
+        os.kill(self.pid, signal.SIGKILL)
+        self.process.wait()
+
+
+def require_root():
+    if os.geteuid() != 0:
+        sys.exit("this needs root: its sandbox is made of namespaces and mounts")

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+// Maps the POSIX shared-memory object `name` (no leading slash needed) of `size` bytes for reading
+// and writing. The object is opened when it exists and keeps its contents, else created with mode
+// 0600 and zeros; it is brought to `size` and never unlinked.
+//
+// `at` is null, or the address of an earlier mapping of the same size, which the new one then
+// replaces in place: pointers into it stay valid and no mapping is left behind.
+//
+// Returns the address, or null after one line on standard error. Any thread; the mapping belongs
+// to the caller and lives as long as the process.
+uint8_t *map_shared_memory(const char *name, size_t size, uint8_t *at);

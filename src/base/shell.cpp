@@ -1,0 +1,51 @@
+#include "base/shell.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+
+void run_shell(const char *command) {
+    [[maybe_unused]] const int ignored = system(command); // NOLINT(cert-env33-c): by design
+}
+
+static bool is_plain(unsigned char c) {
+    return c > 127 || std::isalnum(c) != 0 || (c != 0 && std::strchr("_.,:/@%+=-", c) != nullptr);
+}
+
+static bool is_plain_word(const char *value) {
+    size_t begin = 0;
+    size_t end = std::strlen(value);
+    if (end >= 2 && value[0] == '"' && value[end - 1] == '"') {
+        begin = 1;
+        end -= 1;
+    }
+    for (size_t i = begin; i < end; ++i) {
+        if (!is_plain(static_cast<unsigned char>(value[i]))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Appends as much of `part` as leaves room for the terminating zero.
+static void append(char *word, size_t size, size_t &used, const char *part) {
+    for (; *part != '\0' && used + 1 < size; ++part) {
+        word[used++] = *part;
+    }
+    word[used] = '\0';
+}
+
+char *shell_word(char *word, size_t size, const char *value) {
+    size_t used = 0;
+    if (is_plain_word(value)) {
+        append(word, size, used, value);
+        return word;
+    }
+    append(word, size, used, "'");
+    for (const char *p = value; *p != '\0'; ++p) {
+        const char one[2] = {*p, '\0'};
+        append(word, size, used, *p == '\'' ? "'\\''" : one);
+    }
+    append(word, size, used, "'");
+    return word;
+}

@@ -1,0 +1,29 @@
+#include "base/text.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+void copy_text(char *field, size_t size, const char *source) {
+    const size_t length = strnlen(source, size - 1);
+    std::memcpy(field, source, length);
+    field[length] = '\0';
+}
+
+void remove_double_quotes(char *text) {
+    char *kept = text;
+    for (const char *p = text; *p != '\0'; ++p) {
+        if (*p != '"') {
+            *kept++ = *p;
+        }
+    }
+    *kept = '\0';
+}
+
+int32_t parse_number(const char *text) {
+    // strtoll saturates at 64 bits, the clamp at 32: what a 32-bit board's strtol answers.
+    const long long number = std::strtoll(text, nullptr, 10);
+    return static_cast<int32_t>(std::clamp<long long>(number, std::numeric_limits<int32_t>::min(),
+                                                      std::numeric_limits<int32_t>::max()));
+}

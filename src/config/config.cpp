@@ -1,0 +1,91 @@
+#include "config/config.h"
+
+#include "base/text.h"
+#include "config/config_keys.h"
+
+#include <cstring>
+#include <ini.h>
+
+// The one record: written by the loader and the update commands, read by all threads.
+static ConfigRecord record;
+
+// The longest line that is read whole, with its line end and a zero.
+constexpr int line_buffer_size = 10000;
+
+ConfigRecord &config_record() {
+    return record;
+}
+
+static void store_text(ConfigRecord &target, const ConfigKey &row, const char *value) {
+    char *field = reinterpret_cast<char *>(&target) + row.text_offset;
+    copy_text(field, row.text_size, value);
+    if (row.removes_quotes) {
+        remove_double_quotes(field);
+    }
+    if (field[0] == '\0' && row.when_empty != nullptr) {
+        copy_text(field, row.text_size, row.when_empty);
+    }
+}
+
+static void store_value(ConfigRecord &target, const ConfigKey &row, const char *value) {
+    switch (row.kind) {
+    case SettingKind::number:
+        target.*row.number = parse_number(value);
+        break;
+    case SettingKind::byte:
+        target.*row.byte = static_cast<uint8_t>(parse_number(value));
+        break;
+    case SettingKind::flag:
+        target.*row.byte = parse_number(value) != 0 ? 1 : 0;
+        break;
+    case SettingKind::text:
+        store_text(target, row, value);
+        break;
+    }
+}
+
+int store_setting(ConfigRecord &target, const char *key, const char *value) {
+    for (const ConfigKey &row : config_keys) {
+        if (strcmp(row.key, key) == 0) {
+            store_value(target, row, value);
+            if (row.on_stored != nullptr) {
+                row.on_stored(target);
+            }
+            return 1;
+        }
+    }
+    return 0;
+}
+
+// Keys count only before the first section header.
+static int handle_key(void *user, const char *section, const char *key, const char *value) {
+    if (section[0] != '\0') {
+        return 0;
+    }
+    return store_setting(*static_cast<ConfigRecord *>(user), key, value);
+}
+
+// Debian's inih takes these from global variables; its own line buffer would be 200 bytes. Every
+// line stands for itself: one that begins with a blank does not continue the line before.
+static void set_up_parser() {
+    static char start_comments[] = ";#";
+    static char inline_comments[] = ";";
+    ini_use_stack = false;
+    ini_max_line = line_buffer_size;
+    ini_initial_alloc = line_buffer_size;
+    ini_allow_realloc = false;
+    ini_allow_multiline = false;
+    ini_allow_bom = true;
+    ini_start_comment_prefixes = start_comments;
+    ini_allow_inline_comments = true;
+    ini_inline_comment_prefixes = inline_comments;
+    ini_allow_no_value = false;
+    ini_stop_on_first_error = false;
+}
+
+int load_config(const char *path) {
+    set_up_parser();
+    std::memset(static_cast<void *>(&record), 0, sizeof record);
+    // Positive: the first bad line, which is not fatal. Negative: no file, or no memory.
+    return ini_parse(path, handle_key, &record) >= 0 ? 0 : -1;
+}

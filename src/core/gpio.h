@@ -1,0 +1,13 @@
+#pragma once
+
+// The board's GPIO inputs, through the GPIO library. Where that has failed to start, every call
+// below fails too and the level reads as a negative number.
+
+// Configures and starts the GPIO library; says on standard error how it went. Start-up only.
+void start_gpio();
+
+// Makes the pin an input with its pull-up on. Any thread.
+void use_as_input(unsigned pin);
+
+// 0, 1, or negative on failure. Any thread.
+int read_level(unsigned pin);

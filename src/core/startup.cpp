@@ -1,0 +1,174 @@
+#include "core/startup.h"
+
+#include "base/process_end.h"
+#include "base/shell.h"
+#include "config/config.h"
+#include "core/gpio.h"
+#include "media/audio_source.h"
+#include "media/data_source.h"
+#include "media/video_source.h"
+#include "net/control_server.h"
+#include "net/dispatcher.h"
+#include "net/tcp_server.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#ifdef HAVE_BCM_HOST
+#include <bcm_host.h>
+#endif
+
+constexpr int version_major = 0;
+constexpr int version_minor = 8;
+constexpr int version_patch = 19;
+constexpr uint16_t control_port = 5252;
+constexpr uint16_t data_port = 5000;
+constexpr uint16_t video_port = 5001;
+constexpr uint16_t audio_port = 5003;
+constexpr const char *config_file = "/run/quillorbeacon/config.conf";
+constexpr const char *model_file = "/sys/firmware/devicetree/base/model";
+constexpr const char *gpio_pid_file = "/var/run/pigpio.pid";
+constexpr const char *default_camera_params =
+    "-w 1280 -h 720 -fps 48 --bitrate 2000000 --preview 100,100,320,200";
+constexpr size_t model_size = 100;
+constexpr size_t command_size = 100;
+
+static void load_settings() {
+    fputs("Loading config file... ", stderr);
+    fputs(load_config(config_file) == 0 ? "done\n" : "failed\n", stderr);
+}
+
+// The model may fill all its bytes without a terminating zero; what follows a zero does not count.
+static void detect_board(ConfigRecord &config) {
+    char model[model_size + 1] = "";
+    const int fd = open(model_file, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        const ssize_t length = read(fd, model, model_size);
+        model[length > 0 ? length : 0] = '\0';
+        close(fd);
+    }
+    fprintf(stderr, "Board model: %s\n", model);
+    config.slow_cpu = strstr(model, "Zero") != nullptr ? 1 : 0;
+    if (config.slow_cpu != 0) {
+        fputs("SLOW CPU!\n", stderr);
+    }
+}
+
+static void set_up_static_address(const ConfigRecord &config) {
+    // Room for every character escaped.
+    char address[sizeof config.eth_static_ip * 4 + 3];
+    char mask[sizeof config.eth_static_mask * 4 + 3];
+    char command[command_size];
+    snprintf(command, sizeof command, "ifconfig eth0 %s netmask %s up",
+             shell_word(address, sizeof address, config.eth_static_ip),
+             shell_word(mask, sizeof mask, config.eth_static_mask));
+    run_shell("dhcpcd --release eth0");
+    run_shell(command);
+    run_shell("ip route add dev eth0 default");
+}
+
+static void set_up_wired_network(const ConfigRecord &config) {
+    if (config.eth_static_ip_enabled != 0) {
+        set_up_static_address(config);
+        return;
+    }
+    run_shell("ip route delete default");
+    run_shell("dhcpcd --rebind eth0");
+}
+
+static void set_default_camera_params(ConfigRecord &config) {
+    if (config.internal_camera_params[0] == '\0') {
+        strcpy(config.internal_camera_params, default_camera_params); // NOLINT: it fits
+    }
+}
+
+static void start_video_core() {
+#ifdef HAVE_BCM_HOST
+    static bool initialised;
+    if (!initialised) {
+        bcm_host_init();
+        initialised = true;
+    }
+#endif
+}
+
+static int start_control() {
+    return init_control_server(control_port, dispatch_client_packet);
+}
+
+static int start_tcp() {
+    return init_tcp_server(control_port);
+}
+
+static int start_video() {
+    return init_video_source(video_port);
+}
+
+static int start_audio() {
+    return init_audio_source(audio_port);
+}
+
+static int start_data() {
+    return init_data_source(data_port, nullptr);
+}
+
+// A server: what is said before and after it is started, and when it cannot be.
+struct ServerStep {
+    const char *before;
+    int (*start)();
+    const char *failed;
+    const char *after;
+    bool on_slow_boards;
+};
+
+// In this order.
+constexpr ServerStep server_steps[] = {
+    {"Init UDP server\n", start_control, "UDP server init failed\n", "Init UDP done\n", true},
+    {"Init TCP server\n", start_tcp, "TCP server init failed\n", "Init TCP done\n", true},
+    {"Init video source server\n", start_video, "Video source server init failed\n",
+     "Video source server init done\n", false},
+    {"Init audio source server\n", start_audio, "Audio source server init failed\n",
+     "Audio source server init done\n", false},
+    {"Init data source server\n", start_data, "Data source server init failed\n",
+     "Data source server init done\n", true},
+};
+
+static void start_server(const ServerStep &step) {
+    fputs(step.before, stderr);
+    if (step.start() != 0) {
+        fputs(step.failed, stderr);
+        end_process(exit_status_failure);
+    }
+    fputs(step.after, stderr);
+}
+
+static void use_inputs(const ConfigRecord &config) {
+    for (const uint8_t pin : {static_cast<uint8_t>(config.recording_gpio),
+                              static_cast<uint8_t>(config.recording_btn_gpio),
+                              static_cast<uint8_t>(config.shot_btn_gpio)}) {
+        if (pin != 0) {
+            use_as_input(pin);
+        }
+    }
+}
+
+void start_up() {
+    run_shell("mkdir -p /run/quillorbeacon");
+    fprintf(stderr, "Quillorbeacon-NG v.%d.%d.%d\n", version_major, version_minor, version_patch);
+    load_settings();
+    ConfigRecord &config = config_record();
+    detect_board(config);
+    set_up_wired_network(config);
+    set_default_camera_params(config);
+    start_video_core();
+    for (const ServerStep &step : server_steps) {
+        if (config.slow_cpu == 0 || step.on_slow_boards) {
+            start_server(step);
+        }
+    }
+    unlink(gpio_pid_file);
+    start_gpio();
+    use_inputs(config);
+}

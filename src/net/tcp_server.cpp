@@ -1,0 +1,120 @@
+#include "net/tcp_server.h"
+
+#include "base/ipv4.h"
+#include "base/pause.h"
+#include "base/process_end.h"
+
+#include <atomic>
+#include <cstdio>
+#include <netinet/tcp.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+constexpr time_t send_timeout_s = 2;
+constexpr int send_buffer_size = 3000000;
+constexpr int listen_backlog = 16;
+constexpr size_t receive_size = 60000;
+constexpr uint32_t closing_poll_us = 1000;
+
+static int listen_socket = -1;
+// Set by the accept thread before `connected`, closed by it after `sending` has been seen clear.
+static std::atomic<int> client_socket{-1};
+// The two flags keep a descriptor from being closed, and its number given away, in the middle of
+// a send: the sender raises `sending` before it looks at `connected`, the accept thread clears
+// `connected` before it looks at `sending`. Sequentially consistent, or both could miss each other.
+static std::atomic<bool> connected;
+static std::atomic<bool> sending;
+
+bool tcp_client_connected() {
+    return connected.load(std::memory_order_relaxed);
+}
+
+void tcp_send_block(const uint8_t *data, size_t length) {
+    sending.store(true);
+    if (connected.load()) {
+        // A client that has just left must not raise SIGPIPE.
+        send(client_socket.load(std::memory_order_relaxed), data, length, MSG_NOSIGNAL);
+    }
+    sending.store(false);
+}
+
+static void close_client(int client) {
+    connected.store(false);
+    shutdown(client, SHUT_RDWR); // wakes a send that waits for room
+    while (sending.load()) {
+        sleep_us(closing_poll_us);
+    }
+    close(client);
+}
+
+static void discard_input(int client) {
+    static char buffer[receive_size];
+    ssize_t received = 0;
+    while ((received = recv(client, buffer, sizeof buffer, 0)) > 0) {
+        fprintf(stderr, "TCP server: Received %d bytes from TCP client\n",
+                static_cast<int>(received));
+    }
+}
+
+static void serve_one_client() {
+    fputs("TCP server: Waiting TCP client connection...\n", stderr);
+    sockaddr_in address{};
+    socklen_t address_length = sizeof address;
+    const int client = accept4(listen_socket, reinterpret_cast<sockaddr *>(&address),
+                               &address_length, SOCK_CLOEXEC);
+    if (client < 0) {
+        fputs("TCP server: Could not open a socket to accept data\n", stderr);
+        end_process(exit_status_failure);
+    }
+    char host[ipv4_text_size];
+    fprintf(stderr, "TCP server: Client connected with ip address: %s\n",
+            host_text(from_socket_address(address), host));
+    client_socket.store(client, std::memory_order_relaxed);
+    connected.store(true);
+    discard_input(client);
+    close_client(client);
+}
+
+[[noreturn]] static void *run_accept_thread(void * /*unused*/) {
+    name_thread("tcp-accept");
+    for (;;) {
+        serve_one_client();
+    }
+}
+
+// Accepted sockets inherit these.
+static void set_options() {
+    const timeval timeout{send_timeout_s, 0};
+    const int on = 1;
+    setsockopt(listen_socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    setsockopt(listen_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(listen_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    if (setsockopt(listen_socket, SOL_SOCKET, SO_SNDBUF, &send_buffer_size,
+                   sizeof send_buffer_size) < 0) {
+        fputs("TCP server: can't set buffer size\n", stderr);
+    }
+}
+
+static int fail(const char *message) {
+    fputs(message, stderr);
+    return 1;
+}
+
+int init_tcp_server(uint16_t port) {
+    const sockaddr_in address = socket_address(ipv4_port("0.0.0.0", port));
+    listen_socket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listen_socket < 0) {
+        return fail("TCP server: Could not create listen socket\n");
+    }
+    set_options();
+    if (bind(listen_socket, reinterpret_cast<const sockaddr *>(&address), sizeof address) < 0) {
+        return fail("TCP server: Could not bind socket\n");
+    }
+    if (listen(listen_socket, listen_backlog) < 0) {
+        return fail("TCP server: Could not open socket for listening\n");
+    }
+    pthread_t thread{};
+    return pthread_create(&thread, nullptr, run_accept_thread, nullptr) == 0 ? 0 : 1;
+}

@@ -1,0 +1,139 @@
+#include "net/udp_endpoint.h"
+
+#include "base/clock.h"
+#include "base/pause.h"
+#include "base/process_end.h"
+
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/socket.h>
+
+constexpr int kernel_buffer_size = 10000000;
+constexpr uint32_t buffer_wait_us = 10000;
+
+static void set_option(int socket, int option, int value, const char *failure) {
+    if (setsockopt(socket, SOL_SOCKET, option, &value, sizeof value) < 0 && failure != nullptr) {
+        fputs(failure, stderr);
+    }
+}
+
+static int open_socket() {
+    const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    set_option(fd, SO_RCVBUF, kernel_buffer_size, "UDP receive buffer set failed\n");
+    set_option(fd, SO_SNDBUF, kernel_buffer_size, "UDP send buffer set failed\n");
+    set_option(fd, SO_REUSEPORT, 0, nullptr);
+    set_option(fd, SO_BROADCAST, 1, nullptr);
+    return fd;
+}
+
+int udp_endpoint_open(UdpEndpoint &endpoint, uint16_t port, void *(*thread_entry)(void *)) {
+    endpoint.rx_bytes = 0;
+    endpoint.tx_bytes = 0;
+    endpoint.socket = open_socket();
+    sockaddr_in address = socket_address(ipv4_port("0.0.0.0", port));
+    socklen_t address_length = sizeof address;
+    if (bind(endpoint.socket, reinterpret_cast<sockaddr *>(&address), address_length) < 0) {
+        return -1;
+    }
+    getsockname(endpoint.socket, reinterpret_cast<sockaddr *>(&address), &address_length);
+    endpoint.local_port = ntohs(address.sin_port);
+    pthread_t thread{};
+    return pthread_create(&thread, nullptr, thread_entry, nullptr) == 0 ? 0 : -1;
+}
+
+// Receives one datagram and returns its length; does not return without one.
+static size_t receive(const UdpEndpoint &endpoint, uint8_t *buffer, sockaddr_in &sender) {
+    socklen_t sender_length = sizeof sender;
+    const ssize_t length = recvfrom(endpoint.socket, buffer, endpoint.buffer_size, 0,
+                                    reinterpret_cast<sockaddr *>(&sender), &sender_length);
+    if (length <= 0) {
+        fputs("UDP read failed\n", stderr);
+        end_process(exit_status_read_failed);
+    }
+    return static_cast<size_t>(length);
+}
+
+static void deliver(UdpEndpoint &endpoint, uint8_t *buffer, size_t length, Ipv4Port sender) {
+    char host[ipv4_text_size];
+    host_text(sender, host);
+    endpoint.rx_bytes.add(static_cast<uint32_t>(length));
+    endpoint.peer = sender;
+    if (endpoint.last_receive_ms == 0) {
+        if (endpoint.on_found != nullptr) {
+            endpoint.on_found(host);
+        }
+        if (endpoint.on_found_port != nullptr) {
+            endpoint.on_found_port(host, port_of(sender));
+        }
+    }
+    endpoint.last_receive_ms = now_ms();
+    if (endpoint.on_packet != nullptr) {
+        endpoint.on_packet(buffer, static_cast<uint16_t>(length), host, port_of(sender));
+    }
+}
+
+void udp_endpoint_run(UdpEndpoint &endpoint) {
+    uint8_t *buffer = nullptr;
+    while ((buffer = endpoint.buffer.load(std::memory_order_acquire)) == nullptr) {
+        sleep_us(buffer_wait_us);
+    }
+    // Only what the datagram before left behind needs clearing: the rest is zero already.
+    size_t used = endpoint.clear_before_read ? endpoint.buffer_size : 0;
+    for (;;) {
+        sockaddr_in sender{};
+        const size_t length = receive(endpoint, buffer, sender);
+        if (endpoint.clear_before_read) {
+            if (used > length) {
+                memset(buffer + length, 0, used - length);
+            }
+            used = length;
+        }
+        deliver(endpoint, buffer, length, from_socket_address(sender));
+    }
+}
+
+void udp_endpoint_check_lost(UdpEndpoint &endpoint) {
+    // Read before the clock: a datagram that arrives between the two must not look 49 days old.
+    const uint32_t last_receive_ms = endpoint.last_receive_ms;
+    if (last_receive_ms == 0 || !udp_peer_is_lost(last_receive_ms, now_ms(), endpoint.timeout_ms)) {
+        return;
+    }
+    if (endpoint.on_lost != nullptr) {
+        endpoint.on_lost();
+        endpoint.peer = 0;
+    }
+    endpoint.last_receive_ms = 0;
+}
+
+static int send_datagram(const UdpEndpoint &endpoint, const void *data, size_t length,
+                         const sockaddr_in &address) {
+    return static_cast<int>(sendto(endpoint.socket, data, length, 0,
+                                   reinterpret_cast<const sockaddr *>(&address), sizeof address));
+}
+
+int udp_endpoint_send(UdpEndpoint &endpoint, const void *data, size_t length,
+                      const sockaddr_in &address) {
+    endpoint.tx_bytes.add(static_cast<uint32_t>(length));
+    return send_datagram(endpoint, data, length, address);
+}
+
+int udp_endpoint_send_to(UdpEndpoint &endpoint, const void *data, size_t length, const char *host,
+                         uint16_t port) {
+    const Ipv4Port destination = ipv4_port(host, port);
+    if (destination == 0) {
+        endpoint.tx_bytes.add(static_cast<uint32_t>(length));
+        return -1;
+    }
+    return udp_endpoint_send(endpoint, data, length, socket_address(destination));
+}
+
+int udp_endpoint_reply(UdpEndpoint &endpoint, const void *data, size_t length) {
+    const Ipv4Port peer = endpoint.peer;
+    if (port_of(peer) == 0) {
+        return -1;
+    }
+    return send_datagram(endpoint, data, length, socket_address(peer));
+}
