@@ -1,6 +1,8 @@
 #include "base/shell.h"
 
+#include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -48,4 +50,30 @@ char *shell_word(char *word, size_t size, const char *value) {
     }
     append(word, size, used, "'");
     return word;
+}
+
+char *shell_quoted_text(char *text, size_t size, const char *value) {
+    size_t used = 0;
+    text[0] = '\0';
+    for (const char *p = value; *p != '\0'; ++p) {
+        const char escaped[3] = {'\\', *p, '\0'};
+        const bool is_special = std::strchr("\"$`\\", *p) != nullptr;
+        append(text, size, used, is_special ? escaped : escaped + 1);
+    }
+    return text;
+}
+
+std::string shell_output(const char *command, size_t limit) {
+    std::string output;
+    FILE *pipe = popen(command, "re"); // NOLINT(cert-env33-c): by design
+    if (pipe == nullptr) {
+        return output;
+    }
+    char piece[1000];
+    size_t length = 0;
+    while (output.size() < limit && (length = fread(piece, 1, sizeof piece, pipe)) > 0) {
+        output.append(piece, std::min(length, limit - output.size()));
+    }
+    pclose(pipe);
+    return output;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 
 // Runs one command line through /bin/sh and waits for it. The result is deliberately not
 // returned: a command that fails leaves the state as it is. Any thread.
@@ -12,3 +13,11 @@ void run_shell(const char *command);
 // is, so does an empty one; any other is put in single quotes. A cut word keeps no open quote
 // that would swallow what follows: the shell refuses the whole line. Returns `word`.
 char *shell_word(char *word, size_t size, const char *value);
+
+// Like shell_word, for a value that stands inside double quotes already: what the shell would
+// interpret there is escaped with a backslash.
+char *shell_quoted_text(char *text, size_t size, const char *value);
+
+// Runs one command line and returns what it prints, at most `limit` bytes; empty when it cannot be
+// started. Waits for its end. Any thread.
+std::string shell_output(const char *command, size_t limit);

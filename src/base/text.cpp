@@ -21,9 +21,17 @@ void remove_double_quotes(char *text) {
     *kept = '\0';
 }
 
-int32_t parse_number(const char *text) {
-    // strtoll saturates at 64 bits, the clamp at 32: what a 32-bit board's strtol answers.
-    const long long number = std::strtoll(text, nullptr, 10);
+// strtoll saturates at 64 bits, the clamp at 32: what a 32-bit board's strtol answers.
+static int32_t parse_in_base(const char *text, int base) {
+    const long long number = std::strtoll(text, nullptr, base);
     return static_cast<int32_t>(std::clamp<long long>(number, std::numeric_limits<int32_t>::min(),
                                                       std::numeric_limits<int32_t>::max()));
+}
+
+int32_t parse_number(const char *text) {
+    return parse_in_base(text, 10);
+}
+
+int32_t parse_hexadecimal(const char *text) {
+    return parse_in_base(text, 16);
 }

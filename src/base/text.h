@@ -14,6 +14,9 @@ void remove_double_quotes(char *text);
 // with none. Numbers beyond 32 bits give the nearest 32-bit value on every machine.
 int32_t parse_number(const char *text);
 
+// The same for a hexadecimal text, with or without "0x".
+int32_t parse_hexadecimal(const char *text);
+
 // Little-endian numbers at any address.
 constexpr void put_u16(uint8_t *at, uint16_t value) {
     at[0] = static_cast<uint8_t>(value & 0xFF);

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <ini.h>
+#include <string>
 
 // The one record: written by the loader and the update commands, read by all threads.
 static ConfigRecord record;
@@ -16,10 +17,11 @@ ConfigRecord &config_record() {
     return record;
 }
 
-static void store_text(ConfigRecord &target, const ConfigKey &row, const char *value) {
-    char *field = reinterpret_cast<char *>(&target) + row.text_offset;
+static void store_text(ConfigRecord &target, const ConfigKey &row, const char *value,
+                       bool removes_quotes) {
+    char *field = text_field(target, row);
     copy_text(field, row.text_size, value);
-    if (row.removes_quotes) {
+    if (removes_quotes) {
         remove_double_quotes(field);
     }
     if (field[0] == '\0' && row.when_empty != nullptr) {
@@ -27,34 +29,47 @@ static void store_text(ConfigRecord &target, const ConfigKey &row, const char *v
     }
 }
 
-static void store_value(ConfigRecord &target, const ConfigKey &row, const char *value) {
+static void store_number(ConfigRecord &target, const ConfigKey &row, int32_t number) {
     switch (row.kind) {
     case SettingKind::number:
-        target.*row.number = parse_number(value);
+        target.*row.number = number;
         break;
     case SettingKind::byte:
-        target.*row.byte = static_cast<uint8_t>(parse_number(value));
+        target.*row.byte = static_cast<uint8_t>(number);
         break;
     case SettingKind::flag:
-        target.*row.byte = parse_number(value) != 0 ? 1 : 0;
+        target.*row.byte = number != 0 ? 1 : 0;
         break;
     case SettingKind::text:
-        store_text(target, row, value);
         break;
     }
 }
 
-int store_setting(ConfigRecord &target, const char *key, const char *value) {
-    for (const ConfigKey &row : config_keys) {
-        if (strcmp(row.key, key) == 0) {
-            store_value(target, row, value);
-            if (row.on_stored != nullptr) {
-                row.on_stored(target);
-            }
-            return 1;
-        }
+int load_setting(ConfigRecord &target, const char *key, const char *value) {
+    const ConfigKey *row = find_config_key(key);
+    if (row == nullptr) {
+        return 0;
     }
-    return 0;
+    if (row->kind == SettingKind::text) {
+        store_text(target, *row, value, row->quotes_removed);
+    } else {
+        store_number(target, *row, parse_number(value));
+    }
+    if (row->on_loaded != nullptr) {
+        row->on_loaded(target);
+    }
+    return 1;
+}
+
+void change_setting(ConfigRecord &target, const char *key, const char *value) {
+    const ConfigKey *row = find_config_key(key);
+    if (row->kind != SettingKind::text) {
+        store_number(target, *row, parse_number(value));
+        return;
+    }
+    // A line end would let the value smuggle another key into the file.
+    const std::string line(value, strcspn(value, "\r\n"));
+    store_text(target, *row, line.c_str(), false);
 }
 
 // Keys count only before the first section header.
@@ -62,7 +77,7 @@ static int handle_key(void *user, const char *section, const char *key, const ch
     if (section[0] != '\0') {
         return 0;
     }
-    return store_setting(*static_cast<ConfigRecord *>(user), key, value);
+    return load_setting(*static_cast<ConfigRecord *>(user), key, value);
 }
 
 // Debian's inih takes these from global variables; its own line buffer would be 200 bytes. Every

@@ -116,4 +116,8 @@ int load_config(const char *path);
 // Stores one setting, given as the file gives it: 1 when the key is known, 0 otherwise. Texts are
 // cut to their field, then lose their double quotes where the key says so; a number is what
 // parse_number makes of the value. `value` is never used as a format.
-int store_setting(ConfigRecord &record, const char *key, const char *value);
+int load_setting(ConfigRecord &record, const char *key, const char *value);
+
+// Stores one setting, given as a client gives it: a text is cut at its first line end and to its
+// field, and keeps its quotes; an empty static mask becomes the default one. `key` must be known.
+void change_setting(ConfigRecord &record, const char *key, const char *value);

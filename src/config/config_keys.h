@@ -19,14 +19,28 @@ struct ConfigKey {
     SettingKind kind;
     Relaxed<int32_t> ConfigRecord::*number;
     Relaxed<uint8_t> ConfigRecord::*byte;
-    size_t text_offset; // of the field in the record
-    size_t text_size;   // of the field, in bytes
-    bool removes_quotes;
+    size_t text_offset;                // of the field in the record
+    size_t text_size;                  // of the field, in bytes
+    bool quotes_removed;               // on loading, after the text has been cut to its field
+    bool quotes_written;               // around the text in the file
     const char *when_empty;            // what an empty text stands for; null: itself
-    void (*on_stored)(ConfigRecord &); // called after the field has been stored; may be null
+    void (*on_loaded)(ConfigRecord &); // called after the loader stored the field; may be null
+    const char *heading; // what stands above the key in the file, each line ending in "\n"
 };
 
+constexpr const char *default_static_mask = "255.255.255.0";
 constexpr size_t config_key_count = 81;
 
 // All keys, in the order of the file.
 extern const ConfigKey config_keys[config_key_count];
+
+// The row of a key, compared exactly; null when there is none.
+const ConfigKey *find_config_key(const char *key);
+
+// The field of a text key.
+inline char *text_field(ConfigRecord &record, const ConfigKey &row) {
+    return reinterpret_cast<char *>(&record) + row.text_offset;
+}
+inline const char *text_field(const ConfigRecord &record, const ConfigKey &row) {
+    return reinterpret_cast<const char *>(&record) + row.text_offset;
+}

@@ -9,6 +9,7 @@
 #include "media/video_source.h"
 #include "net/control_server.h"
 #include "net/dispatcher.h"
+#include "net/display_process.h"
 #include "net/tcp_server.h"
 
 #include <cstdio>
@@ -111,7 +112,7 @@ static int start_audio() {
 }
 
 static int start_data() {
-    return init_data_source(data_port, nullptr);
+    return init_data_source(data_port, dispatch_source_command);
 }
 
 // A server: what is said before and after it is started, and when it cannot be.
@@ -163,6 +164,7 @@ void start_up() {
     set_up_wired_network(config);
     set_default_camera_params(config);
     start_video_core();
+    init_display_notifications();
     for (const ServerStep &step : server_steps) {
         if (config.slow_cpu == 0 || step.on_slow_boards) {
             start_server(step);

@@ -1,23 +1,154 @@
 #include "net/dispatcher.h"
 
 #include "base/clock.h"
+#include "base/json_command.h"
+#include "base/process_end.h"
+#include "base/shell.h"
+#include "base/text.h"
+#include "config/answer.h"
+#include "config/config.h"
+#include "config/update.h"
+#include "config/wlan_iface.h"
 #include "media/data_source.h"
 #include "net/relay.h"
+#include "net/wlan_scan.h"
 
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
 
 constexpr uint16_t control_port = 5252;
 constexpr uint16_t largest_payload = 30000 - relay_header_size;
+constexpr const char *screenshot_file = "/run/quillorbeacon/screenshot.png";
+constexpr size_t screenshot_limit = 50000; // a picture of this size or more is not sent
 
 // The first payload byte tells the request.
 enum ClientRequest : uint8_t {
     request_info = 0,
     request_register = 2, // byte 1: 1 for "no video/audio"
     request_remove = 3,
+    request_gimbal = 5, // byte 1: 0 for the application's values, else for the data source
+    request_screenshot = 9,
     request_source_command = '!',
+    request_json = '{',
 };
 
 constexpr uint8_t mode_data_only = 1;
+
+// Who asked, and gets the reply.
+struct Requester {
+    const char *host;
+    uint16_t port;
+};
+
+static void reply_with_text(const std::string &text, const Requester &requester) {
+    relay_text_reply(text.data(), text.size(), requester.host, requester.port);
+}
+
+static void reply_with_screenshot(const Requester &requester) {
+    const int fd = open(screenshot_file, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return;
+    }
+    std::string picture(screenshot_limit, '\0');
+    const ssize_t length = read(fd, picture.data(), picture.size());
+    close(fd);
+    if (length > 0 && static_cast<size_t>(length) < screenshot_limit) {
+        relay_image_reply(picture.data(), static_cast<size_t>(length), requester.host,
+                          requester.port);
+    }
+}
+
+static void forward_to_data_source(const uint8_t *payload, uint16_t length) {
+    if (length <= largest_payload) {
+        send_to_data_source(payload, length);
+    }
+}
+
+// The commands, each with the requester to answer.
+
+static void answer_config_request(const cJSON *command, const Requester &requester) {
+    const char *section = find_member(command, "param");
+    if (section == nullptr) {
+        return;
+    }
+    fprintf(stderr, "UDP server: Config request for %s\n", section);
+    reply_with_text(build_config_answer(section), requester);
+}
+
+static void reboot_board() {
+    run_shell("sync");
+    run_shell("reboot");
+}
+
+// The interface a client's selector means; empty when it means none.
+static std::string selected_interface(const char *selector) {
+    const ConfigRecord &config = config_record();
+    if (strcmp(selector, "cam") == 0) {
+        return map_wlan_iface(config.camera_iface);
+    }
+    if (strcmp(selector, "lan") == 0) {
+        return map_wlan_iface(config.wifi_iface);
+    }
+    return map_wlan_iface(selector);
+}
+
+static void scan_wlan(const char *selector, const Requester &requester) {
+    const std::string interface = selected_interface(selector);
+    if (interface.empty()) {
+        fprintf(stderr, "Interface %s not found\n", interface.c_str());
+        return;
+    }
+    fprintf(stderr, "Wlan scan request for interface %s\n", interface.c_str());
+    std::string results = R"({"cmd":"wlanscan","param":")" + std::string(selector) +
+                          R"(","value":")" + wlan_scan(interface.c_str()) + R"("})";
+    results.resize(std::min(results.size(), relay_payload_capacity - 1));
+    fprintf(stderr, "scan results: %s\n", results.c_str());
+    reply_with_text(results, requester);
+}
+
+static void run_wlan_command(const cJSON *command, const Requester &requester) {
+    const char *param = require_member(command, "param");
+    const char *selector = require_member(command, "value");
+    if (strcmp(param, "scan") == 0) {
+        scan_wlan(selector, requester);
+    }
+}
+
+// The commands are told apart one after another; a reboot does not keep the rest from being looked
+// at.
+static void run_json_command(const char *text, const Requester &requester) {
+    fprintf(stderr, "parse_packet json %s\n", text);
+    cJSON *command = cJSON_Parse(text);
+    const std::string name = require_member(command, "cmd");
+    if (name == "config_request") {
+        answer_config_request(command, requester);
+    }
+    if (name == "updateconfig") {
+        apply_config_update(text);
+    }
+    if (name == "restart") {
+        end_process(exit_status_restart);
+    }
+    if (name == "reboot") {
+        reboot_board();
+    }
+    if (name == "wlan") {
+        run_wlan_command(command, requester);
+    }
+    if (name == "file" || name == "rc") {
+        require_member(command, "param");
+    }
+    cJSON_Delete(command);
+}
+
+void dispatch_source_command(uint8_t *payload, uint16_t /*length*/, const char *host,
+                             uint16_t port) {
+    run_json_command(reinterpret_cast<const char *>(payload), {host, port});
+}
 
 void dispatch_client_packet(uint8_t *payload, uint16_t length, const char *host, uint16_t port) {
     // The server's own datagrams.
@@ -36,10 +167,19 @@ void dispatch_client_packet(uint8_t *payload, uint16_t length, const char *host,
     case request_remove:
         remove_client(relay_clients(), ipv4_port(host, port));
         break;
-    case request_source_command:
-        if (length <= largest_payload) {
-            send_to_data_source(payload, length);
+    case request_gimbal:
+        if (payload[1] != 0) {
+            forward_to_data_source(payload, length);
         }
+        break;
+    case request_screenshot:
+        reply_with_screenshot({host, port});
+        break;
+    case request_source_command:
+        forward_to_data_source(payload, length);
+        break;
+    case request_json:
+        run_json_command(reinterpret_cast<const char *>(payload), {host, port});
         break;
     default:
         break;

@@ -4,6 +4,7 @@
 #include "config/config.h"
 #include "net/tcp_server.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -92,6 +93,31 @@ void relay_reply(RelayPacket &packet, const char *host, uint16_t port) {
     }
     stamp_header(packet, relay_type_data, next_sequence.add(1));
     send_paced(*endpoint, packet, relay_header_size + payload_length(packet), destination);
+}
+
+void relay_text_reply(const char *text, size_t length, const char *host, uint16_t port) {
+    RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): only its start is used
+    const size_t used = std::min(length, relay_payload_capacity);
+    memcpy(packet.payload, text, used);
+    set_payload_length(packet, static_cast<uint16_t>(used));
+    relay_reply(packet, host, port);
+}
+
+// Offsets in the image reply's payload.
+constexpr size_t image_kind_at = 0; // 10: image
+constexpr size_t image_size_at = 1; // u16
+constexpr size_t image_data_at = 3;
+constexpr uint8_t image_kind = 10;
+static_assert(image_data_at + relay_image_limit == relay_payload_capacity);
+
+void relay_image_reply(const void *image, size_t size, const char *host, uint16_t port) {
+    RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): only its start is used
+    const size_t used = std::min(size, relay_image_limit);
+    packet.payload[image_kind_at] = image_kind;
+    put_u16(packet.payload + image_size_at, static_cast<uint16_t>(used));
+    memcpy(packet.payload + image_data_at, image, used);
+    set_payload_length(packet, static_cast<uint16_t>(image_data_at + used));
+    relay_reply(packet, host, port);
 }
 
 // Offsets in the info reply's payload.

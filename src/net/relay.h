@@ -33,5 +33,13 @@ void relay_video(const uint8_t *data, size_t length, uint16_t block_size);
 // Stamps `packet`, whose payload length is set, as data and sends it to one client.
 void relay_reply(RelayPacket &packet, const char *host, uint16_t port);
 
+// Sends a text to one client, without a terminating zero; cut to what a packet holds.
+void relay_text_reply(const char *text, size_t length, const char *host, uint16_t port);
+
+// Sends a picture of at most relay_image_limit bytes to one client: a 10, the size as u16, the
+// bytes.
+constexpr size_t relay_image_limit = relay_payload_capacity - 3;
+void relay_image_reply(const void *image, size_t size, const char *host, uint16_t port);
+
 // Answers an info request: `app_type`, the client count and the device name.
 void send_info_reply(const char *host, uint16_t port);

@@ -1,0 +1,22 @@
+#include "net/display_process.h"
+
+#include "base/ipv4.h"
+
+#include <cstring>
+#include <sys/socket.h>
+
+constexpr const char *display_host = "127.0.0.1";
+constexpr uint16_t notification_port = 5255;
+
+// Created once at start-up; -1 before.
+static int notification_socket = -1;
+
+void init_display_notifications() {
+    notification_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
+}
+
+void notify_display_process(const char *text) {
+    const sockaddr_in address = socket_address(ipv4_port(display_host, notification_port));
+    sendto(notification_socket, text, strlen(text), 0, reinterpret_cast<const sockaddr *>(&address),
+           sizeof address);
+}
