@@ -122,3 +122,26 @@ TEST(Ipv4, RefusesWhatIsNoAddress) {
     EXPECT_EQ(ipv4_port("1.2.3.4.5", 80), 0U);
     EXPECT_EQ(ipv4_port("1.2.3.400", 80), 0U);
 }
+
+TEST(ParseHexadecimal, TakesThePrefixOrNot) {
+    EXPECT_EQ(parse_hexadecimal("12000a"), 0x12000A);
+    EXPECT_EQ(parse_hexadecimal("0x1f"), 31);
+    EXPECT_EQ(parse_hexadecimal("zz"), 0);
+    EXPECT_EQ(parse_hexadecimal("ffffffff"), 2147483647);
+}
+
+TEST(ShellQuotedText, EscapesWhatCountsInsideDoubleQuotes) {
+    char text[100];
+    EXPECT_STREQ(shell_quoted_text(text, sizeof text, "PAL 4:3"), "PAL 4:3");
+    EXPECT_STREQ(shell_quoted_text(text, sizeof text, "$(x)`y`\"\\"), "\\$(x)\\`y\\`\\\"\\\\");
+    EXPECT_STREQ(shell_quoted_text(text, sizeof text, ""), "");
+    EXPECT_STREQ(shell_quoted_text(text, 4, "abcdef"), "abc");
+}
+
+TEST(ShellOutput, IsReadWholeUpToTheLimit) {
+    EXPECT_EQ(shell_output("printf abc; sleep 0.05; printf def", 100), "abcdef");
+    EXPECT_EQ(shell_output("printf abcdef", 3), "abc");
+    EXPECT_EQ(shell_output("head -c 50000 /dev/zero | tr '\\0' x", 100000).size(), 50000U);
+    EXPECT_EQ(shell_output("yes", 5000).size(), 5000U);
+    EXPECT_EQ(shell_output("exit 3", 100), "");
+}
