@@ -18,6 +18,7 @@ from pathlib import Path
 HERE = Path(__file__).resolve().parent
 REPOSITORY = HERE.parent
 CLONE_NEWNET = 0x40000000
+STORAGE_MOUNT = re.compile("mount /dev/(mmcblk0p3 /mnt|sda[0-3] /media) -o noatime")
 PATH = "/sys/board/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -118,9 +119,14 @@ class Board:
         return subprocess.run(self.command(*arguments), check=True, stdout=subprocess.PIPE,
                               **options).stdout
 
-    def log(self):
-        """What was run on the board so far: "sh -c TEXT" and "TOOL ARGUMENTS" lines."""
-        return self.path("/sys/board/log").read_text().splitlines()
+    def log(self, storage=False):
+        """What was run on the board so far: "sh -c TEXT" and "TOOL ARGUMENTS" lines.
+
+        The attempts to mount the recorder's storage, ten times a second, are left out unless
+        `storage` is set.
+        """
+        lines = self.path("/sys/board/log").read_text(errors="surrogateescape").splitlines()
+        return [line for line in lines if storage or not STORAGE_MOUNT.search(line)]
 
     def prepare_output(self, tool, text):
         """What a stand-in prints from now on."""

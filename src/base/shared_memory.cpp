@@ -12,6 +12,15 @@ static uint8_t *report_failure(const char *what, const char *name) {
     return nullptr;
 }
 
+bool shared_memory_exists(const char *name) {
+    const int fd = shm_open(name, O_RDWR, 0600);
+    if (fd < 0) {
+        return false;
+    }
+    close(fd);
+    return true;
+}
+
 uint8_t *map_shared_memory(const char *name, size_t size, uint8_t *at) {
     // shm_open sets close-on-exec. A created object is zeros once it has its size.
     int fd = shm_open(name, O_RDWR, 0600);

@@ -3,6 +3,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// Can the POSIX shared-memory object be opened for reading and writing?
+bool shared_memory_exists(const char *name);
+
 // Maps the POSIX shared-memory object `name` (no leading slash needed) of `size` bytes for reading
 // and writing. The object is opened when it exists and keeps its contents, else created with mode
 // 0600 and zeros; it is brought to `size` and never unlinked.

@@ -1,5 +1,6 @@
 #include "config/answer.h"
 
+#include "base/free_space.h"
 #include "base/shell.h"
 #include "config/config.h"
 #include "config/config_keys.h"
@@ -12,7 +13,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <span>
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 constexpr const char *model_file = "/sys/firmware/devicetree/base/model";
@@ -72,23 +72,12 @@ static std::string camera_address() {
     return interface_address(config_record().camera_iface);
 }
 
-// Decimal megabytes free for unprivileged users; 0 where there is no such file system.
-static std::string free_megabytes(const char *path) {
-    struct statvfs status {};
-    if (statvfs(path, &status) != 0) {
-        return "0";
-    }
-    const double bytes =
-        static_cast<double>(status.f_frsize) * static_cast<double>(status.f_bavail);
-    return std::to_string(static_cast<uint32_t>(static_cast<uint64_t>(bytes * 0.000001)));
-}
-
 static std::string free_internal() {
-    return free_megabytes("/mnt");
+    return std::to_string(free_megabytes("/mnt"));
 }
 
 static std::string free_external() {
-    return free_megabytes("/media");
+    return std::to_string(free_megabytes("/media"));
 }
 
 static std::string zerotier_info() {

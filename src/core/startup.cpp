@@ -6,11 +6,13 @@
 #include "core/gpio.h"
 #include "media/audio_source.h"
 #include "media/data_source.h"
+#include "media/internal_camera.h"
 #include "media/video_source.h"
 #include "net/control_server.h"
 #include "net/dispatcher.h"
 #include "net/display_process.h"
 #include "net/tcp_server.h"
+#include "transfer/file_download.h"
 
 #include <cstdio>
 #include <cstring>
@@ -27,6 +29,7 @@ constexpr int version_patch = 19;
 constexpr uint16_t control_port = 5252;
 constexpr uint16_t data_port = 5000;
 constexpr uint16_t video_port = 5001;
+constexpr uint16_t internal_camera_port = 5002;
 constexpr uint16_t audio_port = 5003;
 constexpr const char *config_file = "/run/quillorbeacon/config.conf";
 constexpr const char *model_file = "/sys/firmware/devicetree/base/model";
@@ -111,6 +114,10 @@ static int start_audio() {
     return init_audio_source(audio_port);
 }
 
+static int start_internal_camera() {
+    return init_internal_camera(internal_camera_port);
+}
+
 static int start_data() {
     return init_data_source(data_port, dispatch_source_command);
 }
@@ -134,6 +141,11 @@ constexpr ServerStep server_steps[] = {
      "Audio source server init done\n", false},
     {"Init data source server\n", start_data, "Data source server init failed\n",
      "Data source server init done\n", true},
+    {"Init internal camera source server\n", start_internal_camera,
+     "Internal camera source server init failed\n", "Internal camera source server init done\n",
+     false},
+    {"Init file transfer\n", init_file_download, "File transfer init failed\n",
+     "File transfer init done\n", true},
 };
 
 static void start_server(const ServerStep &step) {

@@ -12,6 +12,7 @@
 #include "media/data_source.h"
 #include "net/relay.h"
 #include "net/wlan_scan.h"
+#include "transfer/file_download.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -118,6 +119,13 @@ static void run_wlan_command(const cJSON *command, const Requester &requester) {
     }
 }
 
+static void run_file_command(const cJSON *command, const Requester &requester) {
+    if (strcmp(require_member(command, "param"), "get") == 0) {
+        request_file_download(requester.host, requester.port, member_or_empty(command, "value"),
+                              parse_number(member_or_empty(command, "value2")));
+    }
+}
+
 // The commands are told apart one after another; a reboot does not keep the rest from being looked
 // at.
 static void run_json_command(const char *text, const Requester &requester) {
@@ -139,7 +147,10 @@ static void run_json_command(const char *text, const Requester &requester) {
     if (name == "wlan") {
         run_wlan_command(command, requester);
     }
-    if (name == "file" || name == "rc") {
+    if (name == "file") {
+        run_file_command(command, requester);
+    }
+    if (name == "rc") {
         require_member(command, "param");
     }
     cJSON_Delete(command);

@@ -85,13 +85,13 @@ void relay_video(const uint8_t *data, size_t length, uint16_t block_size) {
     relay_video_block(packet, data + offset, static_cast<uint16_t>(length - offset));
 }
 
-void relay_reply(RelayPacket &packet, const char *host, uint16_t port) {
+void relay_to_client(uint8_t type, RelayPacket &packet, const char *host, uint16_t port) {
     UdpEndpoint *endpoint = relay_endpoint.load(std::memory_order_acquire);
     const Ipv4Port destination = ipv4_port(host, port);
     if (endpoint == nullptr || destination == 0) {
         return;
     }
-    stamp_header(packet, relay_type_data, next_sequence.add(1));
+    stamp_header(packet, type, next_sequence.add(1));
     send_paced(*endpoint, packet, relay_header_size + payload_length(packet), destination);
 }
 
@@ -100,7 +100,7 @@ void relay_text_reply(const char *text, size_t length, const char *host, uint16_
     const size_t used = std::min(length, relay_payload_capacity);
     memcpy(packet.payload, text, used);
     set_payload_length(packet, static_cast<uint16_t>(used));
-    relay_reply(packet, host, port);
+    relay_to_client(relay_type_data, packet, host, port);
 }
 
 // Offsets in the image reply's payload.
@@ -117,7 +117,7 @@ void relay_image_reply(const void *image, size_t size, const char *host, uint16_
     put_u16(packet.payload + image_size_at, static_cast<uint16_t>(used));
     memcpy(packet.payload + image_data_at, image, used);
     set_payload_length(packet, static_cast<uint16_t>(image_data_at + used));
-    relay_reply(packet, host, port);
+    relay_to_client(relay_type_data, packet, host, port);
 }
 
 // Offsets in the info reply's payload.
@@ -143,5 +143,5 @@ void send_info_reply(const char *host, uint16_t port) {
     memcpy(info + info_name_at, config.device_name,
            strnlen(config.device_name, sizeof config.device_name));
     set_payload_length(packet, info_size);
-    relay_reply(packet, host, port);
+    relay_to_client(relay_type_data, packet, host, port);
 }

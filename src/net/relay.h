@@ -30,8 +30,8 @@ void relay_to_clients(uint8_t type, RelayPacket &packet);
 // goes as one empty packet.
 void relay_video(const uint8_t *data, size_t length, uint16_t block_size);
 
-// Stamps `packet`, whose payload length is set, as data and sends it to one client.
-void relay_reply(RelayPacket &packet, const char *host, uint16_t port);
+// Stamps `packet`, whose payload length is set, and sends it to one client.
+void relay_to_client(uint8_t type, RelayPacket &packet, const char *host, uint16_t port);
 
 // Sends a text to one client, without a terminating zero; cut to what a packet holds.
 void relay_text_reply(const char *text, size_t length, const char *host, uint16_t port);

@@ -5,6 +5,7 @@ The daemon under test is $QUILLORBEACON_BUILD/quillorbeacon, build/release by de
 
 import os
 import sys
+import time
 from pathlib import Path
 
 import pytest
@@ -68,6 +69,11 @@ def daemon(start):
     return start()
 
 
+def is_status(packet):
+    """Is a (type, sequence, payload) one of the status records that come ten times a second?"""
+    return packet[0] == 0 and len(packet[2]) == 41 and packet[2][0] == 4
+
+
 class Client:
     """A remote client at `host` of the board's network."""
 
@@ -87,7 +93,7 @@ class Client:
     def ask_info(self):
         self.send(b"\0")
 
-    def receive(self, timeout=5.0):
+    def receive_any(self, timeout=5.0):
         """The next packet as (type, sequence, payload); its header is checked."""
         self.socket.settimeout(timeout)
         datagram, sender = self.socket.recvfrom(65535)
@@ -95,6 +101,14 @@ class Client:
         assert datagram[0:1] == b"R" and datagram[8:12] == b"\1\0\0\0", datagram[:12]
         assert int.from_bytes(datagram[2:4], "little") == len(datagram) - 12
         return datagram[1], int.from_bytes(datagram[4:8], "little"), datagram[12:]
+
+    def receive(self, timeout=5.0):
+        """The next packet that is no status record, as receive_any gives it."""
+        end = time.monotonic() + timeout
+        while True:
+            packet = self.receive_any(max(end - time.monotonic(), 0.001))
+            if not is_status(packet):
+                return packet
 
     def receive_type(self, kind, timeout=5.0):
         """The next packet of that type; others are passed over."""

@@ -13,9 +13,11 @@ SERVERS = [
     "Init frame buffer for transcoding 13003624 bytes", "Video source server init done",
     "Init audio source server", "Init audio source", "Audio source server init done",
     "Init data source server", "Data source server init done",
+    "Init internal camera source server", "Internal camera source server init done",
+    "Init file transfer", "File transfer init done",
 ]
 ON_SLOW_BOARDS = [line for line in SERVERS
-                  if not re.search("video|Video|audio|Audio|frame", line)]
+                  if not re.search("video|Video|audio|Audio|frame|amera", line)]
 
 
 def startup_lines(daemon):

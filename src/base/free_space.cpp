@@ -1,0 +1,12 @@
+#include "base/free_space.h"
+
+#include <sys/statvfs.h>
+
+uint32_t free_megabytes(const char *path) {
+    struct statvfs status {};
+    if (statvfs(path, &status) != 0) {
+        return 0;
+    }
+    const double bytes = static_cast<double>(status.f_bsize) * static_cast<double>(status.f_bavail);
+    return static_cast<uint32_t>(static_cast<uint64_t>(bytes * 0.000001));
+}

@@ -1,0 +1,234 @@
+#include "core/status_monitor.h"
+
+#include "base/free_space.h"
+#include "base/shell.h"
+#include "base/text.h"
+#include "config/config.h"
+#include "config/wlan_iface.h"
+#include "media/data_source.h"
+#include "media/video_source.h"
+#include "net/relay.h"
+#include "rc/rc_block.h"
+#include "rc/rc_block_layout.h"
+
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+
+// Offsets in the status record; numbers are little-endian.
+constexpr size_t kind_at = 0; // 4: status
+constexpr size_t app_type_at = 1;
+constexpr size_t client_count_at = 3;  // byte 2 is reserved, 0
+constexpr size_t network_flags_at = 4; // bit 0 access point, 1 Wi-Fi, 2 camera network
+constexpr size_t source_present_at = 5;
+constexpr size_t service_flags_at = 6; // bit 0 recording, 1 UDP, 2 RTMP, 3 SRT, 4 RTSP
+constexpr size_t rtmp_number_at = 7;   // u32
+constexpr size_t recorder_number_at = 11;
+constexpr size_t rc1_state_byte_at = 15;
+constexpr size_t rc2_state_byte_at = 16;
+constexpr size_t osd_at = 17;
+constexpr size_t temperature_at = 18; // degrees Celsius
+constexpr size_t version_at = 19;     // three bytes
+constexpr size_t storage_place_at = 22;
+constexpr size_t storage_free_at = 23; // u32, megabytes
+constexpr size_t srt_seconds_at = 27;  // u32
+constexpr size_t rtsp_number_at = 31;  // u32
+constexpr size_t data_present_at = 39; // bytes 35 to 38 tell the automatic movement
+constexpr size_t video_present_at = 40;
+static_assert(video_present_at + 1 == status_record_size);
+
+constexpr uint8_t status_kind = 4;
+constexpr const char *internal_mount = "/mnt";
+constexpr const char *external_mount = "/media";
+constexpr const char *external_disk = "/dev/sda";
+constexpr const char *place_file = "/run/quillorbeacon/recorder_place";
+constexpr const char *mount_internal = "mount /dev/mmcblk0p3 /mnt -o noatime > /dev/null 2>&1";
+constexpr const char *mount_external[] = {
+    "mount /dev/sda0 /media -o noatime > /dev/null 2>&1",
+    "mount /dev/sda1 /media -o noatime > /dev/null 2>&1",
+    "mount /dev/sda2 /media -o noatime > /dev/null 2>&1",
+    "mount /dev/sda3 /media -o noatime > /dev/null 2>&1",
+};
+constexpr size_t number_size = 100;
+constexpr size_t path_size = 100;
+
+static uint8_t low_bit(int32_t setting) {
+    return static_cast<uint8_t>(setting & 1);
+}
+
+static uint8_t network_flags(const BoardStatus &status) {
+    return static_cast<uint8_t>((status.access_point_active ? 1 : 0) |
+                                (status.wifi_connected ? 2 : 0) |
+                                (status.camera_connected ? 4 : 0));
+}
+
+static uint8_t service_flags(const ConfigRecord &config) {
+    const int rtmp = low_bit(config.stream_rtmp_enabled) | low_bit(config.stream2_rtmp_enabled);
+    return static_cast<uint8_t>(
+        low_bit(config.recording_enabled) | low_bit(config.stream_udp_enabled) << 1 | rtmp << 2 |
+        low_bit(config.stream_srt_enabled) << 3 | low_bit(config.rtsp_server_enabled) << 4);
+}
+
+void fill_status_record(const BoardStatus &status, const ConfigRecord &config, uint8_t *record) {
+    memset(record, 0, status_record_size);
+    record[kind_at] = status_kind;
+    record[app_type_at] = config.app_type;
+    record[client_count_at] = status.client_count;
+    record[network_flags_at] = network_flags(status);
+    record[source_present_at] = status.data_present || status.video_present ? 1 : 0;
+    record[service_flags_at] = service_flags(config);
+    put_u32(record + rtmp_number_at, static_cast<uint32_t>(status.rtmp_number));
+    put_u32(record + recorder_number_at, static_cast<uint32_t>(status.recorder_number));
+    record[rc1_state_byte_at] = status.rc1_state;
+    record[rc2_state_byte_at] = status.rc2_state;
+    record[osd_at] = static_cast<uint8_t>(static_cast<uint32_t>(config.osd_enabled) +
+                                          2 * static_cast<uint32_t>(config.osd_borders));
+    record[temperature_at] = static_cast<uint8_t>(status.millidegrees / 1000);
+    record[version_at] = 0;
+    record[version_at + 1] = 8;
+    record[version_at + 2] = 19;
+    record[storage_place_at] = status.storage.place;
+    put_u32(record + storage_free_at, status.storage.free_megabytes);
+    put_u32(record + srt_seconds_at, status.srt_seconds);
+    put_u32(record + rtsp_number_at, static_cast<uint32_t>(status.rtsp_number));
+    record[data_present_at] = status.data_present ? 1 : 0;
+    record[video_present_at] = status.video_present ? 1 : 0;
+}
+
+Storage choose_storage(uint32_t internal_megabytes, uint32_t external_megabytes) {
+    if (internal_megabytes == 0 && external_megabytes == 0) {
+        return {storage_none, 0};
+    }
+    if (external_megabytes < internal_megabytes) {
+        return {storage_internal, internal_megabytes};
+    }
+    return {storage_external, external_megabytes};
+}
+
+static bool exists(const char *path) {
+    return access(path, F_OK) == 0;
+}
+
+static bool is_connected(const char *setting) {
+    char path[path_size];
+    snprintf(path, sizeof path, "/run/quillorbeacon/%s.connected", map_wlan_iface(setting));
+    return exists(path);
+}
+
+// The number that a file begins with; 0 without the file.
+static int32_t number_in(const char *path) {
+    char text[number_size + 1] = "";
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd >= 0) {
+        const ssize_t length = read(fd, text, number_size);
+        text[length > 0 ? length : 0] = '\0';
+        close(fd);
+    }
+    return parse_number(text);
+}
+
+static uint32_t seconds_since(int32_t timestamp) {
+    if (timestamp == 0) {
+        return 0;
+    }
+    return static_cast<uint32_t>(time(nullptr)) - static_cast<uint32_t>(timestamp);
+}
+
+static void mount_external_disk() {
+    for (const char *command : mount_external) {
+        run_shell(command);
+    }
+}
+
+static void tell_recorder(const char *mount_point) {
+    FILE *file = fopen(place_file, "we");
+    if (file != nullptr) {
+        fputs(mount_point, file);
+        fclose(file);
+    }
+}
+
+static Storage use_storage(StoragePlace place, const char *mount_point) {
+    const uint32_t megabytes = free_megabytes(mount_point);
+    if (megabytes == 0) {
+        fprintf(stderr, "No free space on %s or no drive mounted\n", mount_point);
+        return {storage_none, 0};
+    }
+    tell_recorder(mount_point);
+    return {place, megabytes};
+}
+
+static Storage use_internal() {
+    run_shell(mount_internal);
+    return use_storage(storage_internal, internal_mount);
+}
+
+static Storage use_external() {
+    if (!exists(external_disk)) {
+        tell_recorder(external_mount);
+        return {storage_external, 0};
+    }
+    mount_external_disk();
+    return use_storage(storage_external, external_mount);
+}
+
+static Storage use_the_freer_one() {
+    run_shell(mount_internal);
+    mount_external_disk();
+    const Storage chosen =
+        choose_storage(free_megabytes(internal_mount), free_megabytes(external_mount));
+    if (chosen.place == storage_none) {
+        fputs("No free space on any storage\n", stderr);
+    } else {
+        tell_recorder(chosen.place == storage_internal ? internal_mount : external_mount);
+    }
+    return chosen;
+}
+
+static Storage examine_storage(const ConfigRecord &config) {
+    if (config.slow_cpu != 0) {
+        return {storage_not_examined, 0};
+    }
+    switch (config.recording_place) {
+    case storage_internal:
+        return use_internal();
+    case storage_external:
+        return use_external();
+    default:
+        return use_the_freer_one();
+    }
+}
+
+// The RC reader's block, opened on the first call; null when that failed.
+static const uint8_t *rc_block() {
+    static const uint8_t *const block = open_rc_block();
+    return block;
+}
+
+void poll_status() {
+    const ConfigRecord &config = config_record();
+    BoardStatus status{};
+    status.client_count = relay_clients().count;
+    status.access_point_active = exists("/run/quillorbeacon/ap.active");
+    status.wifi_connected = is_connected(config.wifi_iface);
+    status.camera_connected = is_connected(config.camera_iface);
+    status.data_present = data_source_present();
+    status.video_present = video_present();
+    status.rtmp_number = number_in("/run/quillorbeacon/rtmp-streamer.info");
+    status.rtsp_number = number_in("/run/quillorbeacon/rtsp-server.info");
+    status.srt_seconds = seconds_since(number_in("/tmp/srt-client-connect-timestamp"));
+    status.recorder_number = number_in("/run/quillorbeacon/recorder.info");
+    status.millidegrees = number_in("/sys/class/thermal/thermal_zone0/temp");
+    if (rc_block() != nullptr) {
+        status.rc1_state = rc_block()[rc1_state_at];
+        status.rc2_state = rc_block()[rc2_state_at];
+    }
+    status.storage = examine_storage(config);
+    RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): only its start is used
+    fill_status_record(status, config, packet.payload);
+    set_payload_length(packet, status_record_size);
+    relay_to_clients(relay_type_data, packet);
+}

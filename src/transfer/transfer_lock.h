@@ -1,0 +1,6 @@
+#pragma once
+
+// The one mutex of the file transfer: it guards the download state and the transport's control
+// block. Any thread.
+void lock_transfer();
+void unlock_transfer();
