@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -34,4 +35,14 @@ constexpr uint16_t get_u16(const uint8_t *at) {
 
 constexpr uint32_t get_u32(const uint8_t *at) {
     return get_u16(at) | (static_cast<uint32_t>(get_u16(at + 2)) << 16);
+}
+
+constexpr void put_double(uint8_t *at, double value) {
+    const auto bits = std::bit_cast<uint64_t>(value);
+    put_u32(at, static_cast<uint32_t>(bits & 0xFFFFFFFF));
+    put_u32(at + 4, static_cast<uint32_t>(bits >> 32));
+}
+
+constexpr double get_double(const uint8_t *at) {
+    return std::bit_cast<double>(get_u32(at) | (static_cast<uint64_t>(get_u32(at + 4)) << 32));
 }

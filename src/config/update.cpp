@@ -1,5 +1,7 @@
 #include "config/update.h"
 
+#include "automove/movement_list.h"
+#include "automove/movement_runner.h"
 #include "base/json_command.h"
 #include "base/process_end.h"
 #include "base/shell.h"
@@ -244,6 +246,29 @@ static void then_fs_rw(const cJSON * /*command*/) {
     }
 }
 
+static void then_automovement_params(const cJSON * /*command*/) {
+    const ConfigRecord &config = config_record();
+    set_movement_list(config.automove_list);
+    save_config();
+    set_automove_state(config.automove_enabled);
+}
+
+static void then_move(const cJSON *command) {
+    run_movement(parse_number(member_or_empty(command, "value2")));
+}
+
+static void then_move_next(const cJSON * /*command*/) {
+    move_next();
+}
+
+static void then_move_previous(const cJSON * /*command*/) {
+    move_prev();
+}
+
+static void then_set_movement_state(const cJSON *command) {
+    set_automove_state(parse_number(member_or_empty(command, "value2")));
+}
+
 static void then_zerotier_params(const cJSON * /*command*/) {
     if (config_record().zerotier_enabled == 0) {
         run_shell("killall -q zerotier-one");
@@ -406,7 +431,11 @@ static const UpdateRow rows[] = {
     {"gimbal", nullptr, gimbal_settings, then_save, "New config for gimbal control\n"},
     {"fs_rw", nullptr, fs_rw_settings, then_fs_rw, nullptr},
     {"make_preview", nullptr, make_preview_settings, then_save, nullptr},
-    {"automovement", "params", automovement_settings, then_save, nullptr},
+    {"automovement", "params", automovement_settings, then_automovement_params, nullptr},
+    {"automovement", "move", {}, then_move, nullptr},
+    {"automovement", "movenext", {}, then_move_next, nullptr},
+    {"automovement", "moveprev", {}, then_move_previous, nullptr},
+    {"automovement", "setstate", {}, then_set_movement_state, nullptr},
     {"zerotier", "params", zerotier_settings, then_zerotier_params, nullptr},
     {"zerotier", "join", {}, then_zerotier_join, nullptr},
     {"zerotier", "leave", {}, then_zerotier_leave, nullptr},

@@ -1,5 +1,7 @@
 #include "core/startup.h"
 
+#include "automove/movement_list.h"
+#include "automove/movement_runner.h"
 #include "base/process_end.h"
 #include "base/shell.h"
 #include "config/config.h"
@@ -12,6 +14,8 @@
 #include "net/dispatcher.h"
 #include "net/display_process.h"
 #include "net/tcp_server.h"
+#include "rc/rc_block.h"
+#include "rc/rc_loop.h"
 #include "transfer/file_download.h"
 
 #include <cstdio>
@@ -167,6 +171,21 @@ static void use_inputs(const ConfigRecord &config) {
     }
 }
 
+static void start_rc(const ConfigRecord &config) {
+    if (config.slow_cpu != 0) {
+        return;
+    }
+    init_rc();
+    load_rc_channels(rc_block(), 0, config.rc1_channels);
+    load_rc_channels(rc_block(), 1, config.rc2_channels);
+}
+
+static void start_automove(const ConfigRecord &config) {
+    init_automove();
+    set_movement_list(config.automove_list);
+    set_automove_state(config.automove_enabled);
+}
+
 void start_up() {
     run_shell("mkdir -p /run/quillorbeacon");
     fprintf(stderr, "Quillorbeacon-NG v.%d.%d.%d\n", version_major, version_minor, version_patch);
@@ -176,12 +195,14 @@ void start_up() {
     set_up_wired_network(config);
     set_default_camera_params(config);
     start_video_core();
+    start_rc(config);
     init_display_notifications();
     for (const ServerStep &step : server_steps) {
         if (config.slow_cpu == 0 || step.on_slow_boards) {
             start_server(step);
         }
     }
+    start_automove(config);
     unlink(gpio_pid_file);
     start_gpio();
     use_inputs(config);

@@ -1,5 +1,7 @@
 #include "core/status_monitor.h"
 
+#include "automove/movement_list.h"
+#include "automove/movement_runner.h"
 #include "base/free_space.h"
 #include "base/shell.h"
 #include "base/text.h"
@@ -36,7 +38,11 @@ constexpr size_t storage_place_at = 22;
 constexpr size_t storage_free_at = 23; // u32, megabytes
 constexpr size_t srt_seconds_at = 27;  // u32
 constexpr size_t rtsp_number_at = 31;  // u32
-constexpr size_t data_present_at = 39; // bytes 35 to 38 tell the automatic movement
+constexpr size_t movement_running_at = 35;
+constexpr size_t movement_index_at = 36;
+constexpr size_t movement_count_at = 37;
+constexpr size_t movement_nearest_at = 38;
+constexpr size_t data_present_at = 39;
 constexpr size_t video_present_at = 40;
 static_assert(video_present_at + 1 == status_record_size);
 
@@ -94,6 +100,10 @@ void fill_status_record(const BoardStatus &status, const ConfigRecord &config, u
     put_u32(record + storage_free_at, status.storage.free_megabytes);
     put_u32(record + srt_seconds_at, status.srt_seconds);
     put_u32(record + rtsp_number_at, static_cast<uint32_t>(status.rtsp_number));
+    record[movement_running_at] = status.movement_running ? 1 : 0;
+    record[movement_index_at] = static_cast<uint8_t>(status.movement_index);
+    record[movement_count_at] = static_cast<uint8_t>(status.movement_count);
+    record[movement_nearest_at] = static_cast<uint8_t>(status.movement_nearest);
     record[data_present_at] = status.data_present ? 1 : 0;
     record[video_present_at] = status.video_present ? 1 : 0;
 }
@@ -203,7 +213,7 @@ static Storage examine_storage(const ConfigRecord &config) {
 }
 
 // The RC reader's block, opened on the first call; null when that failed.
-static const uint8_t *rc_block() {
+static const uint8_t *states_block() {
     static const uint8_t *const block = open_rc_block();
     return block;
 }
@@ -222,10 +232,14 @@ void poll_status() {
     status.srt_seconds = seconds_since(number_in("/tmp/srt-client-connect-timestamp"));
     status.recorder_number = number_in("/run/quillorbeacon/recorder.info");
     status.millidegrees = number_in("/sys/class/thermal/thermal_zone0/temp");
-    if (rc_block() != nullptr) {
-        status.rc1_state = rc_block()[rc1_state_at];
-        status.rc2_state = rc_block()[rc2_state_at];
+    if (states_block() != nullptr) {
+        status.rc1_state = states_block()[rc_state_at];
+        status.rc2_state = states_block()[rc_state_at + 1];
     }
+    status.movement_running = automove_running();
+    status.movement_index = automove_index();
+    status.movement_count = movement_count();
+    status.movement_nearest = automove_nearest();
     status.storage = examine_storage(config);
     RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): only its start is used
     fill_status_record(status, config, packet.payload);

@@ -36,6 +36,10 @@ struct BoardStatus {
     uint8_t rc1_state;
     uint8_t rc2_state;
     Storage storage;
+    bool movement_running;
+    int movement_index;
+    int movement_count;
+    int movement_nearest; // to the camera's position
 };
 
 struct ConfigRecord;

@@ -12,6 +12,8 @@
 #include "media/data_source.h"
 #include "net/relay.h"
 #include "net/wlan_scan.h"
+#include "rc/rc_block.h"
+#include "rc/rc_block_layout.h"
 #include "transfer/file_download.h"
 
 #include <algorithm>
@@ -126,6 +128,46 @@ static void run_file_command(const cJSON *command, const Requester &requester) {
     }
 }
 
+// The receivers' states, read from a mapping of the dispatcher's own, opened on first use.
+static int rc_state(int receiver) {
+    static const uint8_t *const block = open_rc_block();
+    return block == nullptr ? 0 : block[rc_state_at + static_cast<size_t>(receiver)];
+}
+
+static void reply_with_rc_channels(int receiver, const Requester &requester) {
+    const std::string channels = rc_channels_json(rc_block(), receiver);
+    reply_with_text(R"({"cmd":"rc)" + std::to_string(receiver + 1) + R"(","state":)" +
+                        std::to_string(rc_state(receiver)) + R"(,"ch":)" + channels + "}",
+                    requester);
+}
+
+static void set_rc_config(int receiver, const char *channels) {
+    // Computed unsigned: a client may send any number.
+    const auto number = static_cast<int>(static_cast<unsigned>(receiver) + 1);
+    fprintf(stderr, "Set RC%d config: %s\n", number, channels);
+    if (receiver == 0 || receiver == 1) {
+        load_rc_channels(rc_block(), receiver, channels);
+        save_rc_channels();
+    }
+}
+
+static void run_rc_command(const cJSON *command, const Requester &requester) {
+    const std::string param = require_member(command, "param");
+    const int receiver = parse_number(member_or_empty(command, "value"));
+    if (param == "get-channels") {
+        reply_with_rc_channels(0, requester);
+        reply_with_rc_channels(1, requester);
+    } else if (param == "calibrate-minmax") {
+        set_rc_state(receiver, 2);
+    } else if (param == "finish-minmax") {
+        set_rc_state(receiver, 3);
+    } else if (param == "set-center") {
+        set_rc_state(receiver, 4);
+    } else if (param == "set-config") {
+        set_rc_config(receiver, member_or_empty(command, "value2"));
+    }
+}
+
 // The commands are told apart one after another; a reboot does not keep the rest from being looked
 // at.
 static void run_json_command(const char *text, const Requester &requester) {
@@ -151,9 +193,19 @@ static void run_json_command(const char *text, const Requester &requester) {
         run_file_command(command, requester);
     }
     if (name == "rc") {
-        require_member(command, "param");
+        run_rc_command(command, requester);
     }
     cJSON_Delete(command);
+}
+
+// Three signed 16-bit numbers behind the kind and a 0, each as a part of 32767. What a short
+// payload lacks reads as 0.
+static void take_gimbal_values(const uint8_t *payload) {
+    constexpr double unit = 3.051850947599719e-5;
+    const auto value_at = [&](size_t at) {
+        return static_cast<int16_t>(get_u16(payload + at)) * unit;
+    };
+    set_app_gimbal_values(value_at(2), value_at(4), value_at(6));
 }
 
 void dispatch_source_command(uint8_t *payload, uint16_t /*length*/, const char *host,
@@ -181,6 +233,8 @@ void dispatch_client_packet(uint8_t *payload, uint16_t length, const char *host,
     case request_gimbal:
         if (payload[1] != 0) {
             forward_to_data_source(payload, length);
+        } else {
+            take_gimbal_values(payload);
         }
         break;
     case request_screenshot:

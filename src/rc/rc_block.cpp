@@ -1,13 +1,226 @@
 #include "rc/rc_block.h"
 
+#include "base/relaxed.h"
 #include "base/shared_memory.h"
+#include "base/text.h"
+#include "config/config.h"
+#include "config/writer.h"
 #include "rc/rc_block_layout.h"
 
+#include <atomic>
+#include <cjson/cJSON.h>
 #include <cstdio>
+#include <cstring>
+
+// The mapping; set once, by whoever comes first: start-up or the RC loop.
+static std::atomic<uint8_t *> mapped_block;
+// Written by command threads and the movement runner, read by the RC loop.
+static Relaxed<double> app_pan;
+static Relaxed<double> app_tilt;
+static Relaxed<double> app_roll;
 
 uint8_t *open_rc_block() {
     fputs(shared_memory_exists(rc_block_name) ? "Shared raw RC mem opened\n"
                                               : "Creating new shared raw RC\n",
           stderr);
     return map_shared_memory(rc_block_name, rc_block_size, nullptr);
+}
+
+uint8_t *rc_block() {
+    return mapped_block.load(std::memory_order_acquire);
+}
+
+uint8_t *init_rc_block() {
+    if (rc_block() == nullptr) {
+        mapped_block.store(open_rc_block(), std::memory_order_release);
+    }
+    if (rc_block() == nullptr) {
+        fputs("Failed to open raw RC shared memory\n", stderr);
+    }
+    return rc_block();
+}
+
+uint8_t *rc_channel(uint8_t *block, int index) {
+    return block + rc_channels_at + static_cast<size_t>(index) * rc_channel_size;
+}
+
+void clear_rc_calibration(uint8_t *block) {
+    for (int i = 0; i < rc_channel_count; ++i) {
+        uint8_t *channel = rc_channel(block, i);
+        put_u16(channel + channel_min_at, 0);
+        put_u16(channel + channel_max_at, 0);
+        put_u16(channel + channel_center_at, 0);
+        channel[channel_invert_at] = 0;
+        put_double(channel + channel_value_at, 0.0);
+        channel[channel_function_at] = 0;
+        put_u16(channel + channel_dead_band_at, 0);
+        put_u16(channel + channel_limit_at, 0);
+        channel[channel_enable_at] = 0;
+    }
+    memset(block + rc_values_at, 0, rc_function_count * sizeof(double));
+}
+
+// A field of the channel record that the JSON text can set, and whether it has one byte or two.
+struct ChannelField {
+    const char *key;
+    size_t offset;
+    bool is_byte;
+};
+
+constexpr ChannelField channel_fields[] = {
+    {"min", channel_min_at, false}, {"c", channel_center_at, false},
+    {"max", channel_max_at, false}, {"i", channel_invert_at, true},
+    {"e", channel_enable_at, true}, {"d", channel_dead_band_at, false},
+    {"l", channel_limit_at, false}, {"f", channel_function_at, true},
+};
+
+static void load_channel(uint8_t *channel, const cJSON *element) {
+    for (const ChannelField &field : channel_fields) {
+        const cJSON *item = cJSON_GetObjectItem(element, field.key);
+        if (item == nullptr) {
+            continue;
+        }
+        if (field.is_byte) {
+            channel[field.offset] = static_cast<uint8_t>(item->valueint);
+        } else {
+            put_u16(channel + field.offset, static_cast<uint16_t>(item->valueint));
+        }
+    }
+}
+
+void load_rc_channels(uint8_t *block, int receiver, const char *json_text) {
+    if (block == nullptr) {
+        fputs("Failed to get shared RC buffer\n", stderr);
+        return;
+    }
+    cJSON *list = cJSON_Parse(json_text);
+    const int count = cJSON_GetArraySize(list);
+    const cJSON *element = count > 0 ? cJSON_GetArrayItem(list, 0) : nullptr;
+    for (; element != nullptr; element = element->next) {
+        const cJSON *number = cJSON_GetObjectItem(element, "ch");
+        if (number != nullptr && number->valueint >= 1 &&
+            number->valueint <= rc_channels_per_receiver) {
+            const int index = number->valueint - 1 + receiver * rc_channels_per_receiver;
+            load_channel(rc_channel(block, index), element);
+        }
+    }
+    cJSON_Delete(list);
+}
+
+// The 16 objects of a receiver, written by `format_channel`, as a JSON array.
+static std::string channel_list(const uint8_t *block, int receiver,
+                                std::string (*format_channel)(const uint8_t *channel, int number)) {
+    std::string list = "[";
+    for (int number = 1; number <= rc_channels_per_receiver; ++number) {
+        const int index = number - 1 + receiver * rc_channels_per_receiver;
+        const uint8_t *channel =
+            block + rc_channels_at + static_cast<size_t>(index) * rc_channel_size;
+        list += (number > 1 ? "," : "") + format_channel(channel, number);
+    }
+    return list + "]";
+}
+
+static std::string live_channel(const uint8_t *channel, int /*number*/) {
+    char text[500]; // a hostile value may print 309 digits
+    snprintf(
+        text, sizeof text,
+        R"({"raw":%d,"min":%d,"max":%d,"c":%d,"i":%d,"val":%1.3f,"d":%d,"e":%d,"l":%d,"f":%d})",
+        get_u16(channel + channel_raw_at), get_u16(channel + channel_min_at),
+        get_u16(channel + channel_max_at), get_u16(channel + channel_center_at),
+        channel[channel_invert_at], get_double(channel + channel_value_at),
+        get_u16(channel + channel_dead_band_at), channel[channel_enable_at],
+        get_u16(channel + channel_limit_at), channel[channel_function_at]);
+    return text;
+}
+
+std::string rc_channels_json(const uint8_t *block, int receiver) {
+    return block == nullptr ? "" : channel_list(block, receiver, live_channel);
+}
+
+static std::string stored_channel(const uint8_t *channel, int number) {
+    char text[200];
+    snprintf(text, sizeof text,
+             R"({"ch":%d,"min":%d,"max":%d,"c":%d,"i":%d,"e":%d,"d":%d,"l":%d,"f":%d})", number,
+             get_u16(channel + channel_min_at), get_u16(channel + channel_max_at),
+             get_u16(channel + channel_center_at), channel[channel_invert_at],
+             channel[channel_enable_at], get_u16(channel + channel_dead_band_at),
+             get_u16(channel + channel_limit_at), channel[channel_function_at]);
+    return text;
+}
+
+std::string rc_channels_setting(const uint8_t *block, int receiver) {
+    return channel_list(block, receiver, stored_channel);
+}
+
+void save_rc_channels() {
+    const uint8_t *block = rc_block();
+    if (block == nullptr) {
+        return;
+    }
+    ConfigRecord &config = config_record();
+    copy_text(config.rc1_channels, sizeof config.rc1_channels,
+              rc_channels_setting(block, 0).c_str());
+    copy_text(config.rc2_channels, sizeof config.rc2_channels,
+              rc_channels_setting(block, 1).c_str());
+    save_config();
+}
+
+static bool is_receiver(int receiver) {
+    return receiver >= 0 && receiver < rc_receiver_count;
+}
+
+// Sets the receiver's state byte; nothing for a receiver that does not exist.
+static void set_state_byte(int receiver, RcState state) {
+    if (is_receiver(receiver) && rc_block() != nullptr) {
+        rc_block()[rc_state_at + static_cast<size_t>(receiver)] = state;
+    }
+}
+
+// Copies each channel's raw value into one of its calibrated fields.
+static void take_raw_values(int receiver, size_t field_at) {
+    if (!is_receiver(receiver) || rc_block() == nullptr) {
+        return;
+    }
+    for (int i = 0; i < rc_channels_per_receiver; ++i) {
+        uint8_t *channel = rc_channel(rc_block(), receiver * rc_channels_per_receiver + i);
+        put_u16(channel + field_at, get_u16(channel + channel_raw_at));
+    }
+}
+
+void set_rc_state(int receiver, int state) {
+    // Computed unsigned: a client may send any number.
+    const auto number = static_cast<int>(static_cast<unsigned>(receiver) + 1);
+    fprintf(stderr, "Set RC%d state %d\n", number, state);
+    switch (state) {
+    case 2:
+        fprintf(stderr, "RC%d begin calibration min/max\n", number);
+        set_state_byte(receiver, rc_calibrating);
+        take_raw_values(receiver, channel_min_at);
+        take_raw_values(receiver, channel_max_at);
+        take_raw_values(receiver, channel_center_at);
+        break;
+    case 3:
+        fprintf(stderr, "RC%d finish calibration min/max\n", number);
+        save_rc_channels();
+        set_state_byte(receiver, rc_present);
+        break;
+    case 4:
+        fprintf(stderr, "RC%d calibration center\n", number);
+        take_raw_values(receiver, channel_center_at);
+        save_rc_channels();
+        set_state_byte(receiver, rc_present);
+        break;
+    default:
+        break;
+    }
+}
+
+void set_app_gimbal_values(double pan, double tilt, double roll) {
+    app_pan = pan;
+    app_tilt = tilt;
+    app_roll = roll;
+}
+
+GimbalValues app_gimbal_values() {
+    return {app_pan, app_tilt, app_roll};
 }
