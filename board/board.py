@@ -73,6 +73,7 @@ class Board:
         self._holder.stdin.close()
         self._holder.stdout.close()
         for process in self._started:
+            process.kill()  # a stopped program's runner stops with it
             process.wait()
         os.close(self._home)
         os.close(self._network)
