@@ -295,12 +295,15 @@ def test_a_ring_of_garbage_is_survived(board, start, make_producer, receiver, se
     client, producer = receiver(daemon), make_producer()
 
     def is_stuck():
-        at = producer.slot_at(producer.read_index)
-        return not producer.memory[at + 9] or not any(producer.memory[at:at + 4])
+        index = producer.read_index
+        at = producer.slot_at(index)
+        waits = not producer.memory[at + 9] or not any(producer.memory[at:at + 4])
+        return waits and producer.read_index == index  # not a slot that has just been taken
 
     for number in range(40):
         wait_until(is_stuck, "a slot that waits for the producer")
         good = b"good frame %d" % number
+        producer.memory[producer.slot_at(producer.read_index) + 9] = 0
         producer.fill(producer.read_index, good, 1000 + number)
         while client.receive_type(1)[2] != good:
             pass
