@@ -7,7 +7,6 @@ files, Board.popen() runs programs on it. Needs root.
 
 import ctypes
 import os
-import re
 import signal
 import socket
 import subprocess
@@ -74,6 +73,7 @@ class Board:
         self._holder.stdin.close()
         self._holder.stdout.close()
         for process in self._started:
+            process.kill()  # a stopped program's runner stops with it
             process.wait()
         os.close(self._home)
         os.close(self._network)
@@ -153,7 +153,8 @@ class Daemon:
 
     def wait_ready(self):
         """Waits until start-up is over and the poller runs."""
-        wait_until(lambda: re.search("GPIO subsystem", self.errors()), "start-up done", 20.0)
+        self.wait_error("GPIO subsystem", timeout=20.0)
+        self.wait_error("Waiting TCP client connection")  # said by a thread, at any time
 
     @property
     def pid(self):
