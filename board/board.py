@@ -7,6 +7,7 @@ files, Board.popen() runs programs on it. Needs root.
 
 import ctypes
 import os
+import re
 import signal
 import socket
 import subprocess
@@ -153,7 +154,9 @@ class Daemon:
 
     def wait_ready(self):
         """Waits until start-up is over and the poller runs."""
-        self.wait_error("GPIO subsystem", timeout=20.0)
+        # The status monitor's first pass is the last to say something.
+        wait_until(lambda: "hared raw RC" in self.errors().partition("GPIO subsystem")[2],
+                   "start-up done", 20.0)
         self.wait_error("Waiting TCP client connection")  # said by a thread, at any time
 
     @property

@@ -10,8 +10,9 @@ SAVE = ["mount -o rw,remount /boot", "umount /boot", "mount /boot",
         "cat /boot/quillorbeacon.conf | sed 's/\r$//' > /run/quillorbeacon/config.conf"]
 
 # Said and run by other threads, at any time.
-OTHER_ERRORS = ("parse_packet json ", "UDP server: ", "TCP server: ", "No free space on ")
-OTHER_COMMANDS = ("mount /dev/",)
+OTHER_ERRORS = ("parse_packet json ", "UDP server: ", "TCP server: ", "No free space on ",
+                "int cam ", "Internal cam ", "raspivid ")
+OTHER_COMMANDS = ("mount /dev/", "raspivid ")
 
 # A stand-in that waits while the file /tmp/hold/NAME exists, after it has logged its call.
 HOLDING_STAND_IN = b"""#!/sys/board/sh
@@ -52,8 +53,9 @@ def release(board, name):
 
 
 def log_lines(board):
-    """The lines of the board's log; only line feeds part them."""
-    return board.path("/sys/board/log").read_bytes().decode(errors="surrogateescape").split("\n")
+    """The lines of the board's log, without storage mounts; only line feeds part them."""
+    text = board.path("/sys/board/log").read_bytes().decode(errors="surrogateescape")
+    return [line for line in text.split("\n") if "mount /dev/" not in line]
 
 
 def parse_settings(content):

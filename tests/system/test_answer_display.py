@@ -302,6 +302,7 @@ def test_nothing_is_left_behind_by_hundreds_of_queries(start, make_client):
         section = b"display" if number % 4 == 0 else b"zerotier"
         client.send(b'{"cmd":"config_request","param":"' + section + b'"}')
         assert len(client.receive(20.0)[2]) > len(NOTHING)
-    assert child_processes(daemon) == []
+    # The daemon's own mounts come and go; a child that is left behind stays.
+    wait_until(lambda: child_processes(daemon) == [], "no child processes")
     # A file that the daemon writes once a second may be open at the moment.
     wait_until(lambda: open_files(daemon) <= before, f"{before} open files again")

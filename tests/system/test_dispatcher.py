@@ -445,8 +445,6 @@ def test_a_list_beyond_the_reply_is_cut(board, daemon, client):
 
 RC = pytest.mark.xfail(strict=True, reason="comes with the RC channels",
                        raises=(AssertionError, TimeoutError))
-FILES = pytest.mark.xfail(strict=True, reason="comes with the file download",
-                          raises=(AssertionError, TimeoutError))
 
 
 @RC
@@ -480,7 +478,6 @@ def test_gimbal_values_of_the_application(board, daemon, client):
                "the smoothed values", 5.0)
 
 
-@FILES
 def test_a_file_is_sent(board, daemon, client):
     board.write("/run/quillorbeacon/file", "abc")
     client.send(b'{"cmd":"file","param":"get","value":"/run/quillorbeacon/file","value2":"0"}')

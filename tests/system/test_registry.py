@@ -18,7 +18,8 @@ def after_start_up(daemon):
     """What has been written to standard error since start-up ended, the TCP server's apart."""
     text = daemon.errors()
     text = text[text.index("GPIO"):]
-    return [line for line in text.splitlines() if not line.startswith("TCP")][1:]
+    return [line for line in text.splitlines()
+            if not line.startswith("TCP") and "shared raw RC" not in line][1:]
 
 
 def published(board):
@@ -53,9 +54,13 @@ def ask(client):
 
 
 def has_nothing(client):
+    """Has nothing come but status records?"""
     client.socket.setblocking(False)
     try:
-        return not client.socket.recv(65535)
+        while True:
+            datagram = client.socket.recv(65535)
+            if len(datagram) != 53 or datagram[12] != 4:
+                return False
     except BlockingIOError:
         return True
 
