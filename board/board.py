@@ -74,6 +74,7 @@ class Board:
         self._holder.stdin.close()
         self._holder.stdout.close()
         for process in self._started:
+            process.kill()  # a stopped program's runner stops with it
             process.wait()
         os.close(self._home)
         os.close(self._network)
@@ -153,7 +154,10 @@ class Daemon:
 
     def wait_ready(self):
         """Waits until start-up is over and the poller runs."""
-        wait_until(lambda: re.search("GPIO subsystem", self.errors()), "start-up done", 20.0)
+        # The status monitor's first pass is the last to say something.
+        wait_until(lambda: "hared raw RC" in self.errors().partition("GPIO subsystem")[2],
+                   "start-up done", 20.0)
+        self.wait_error("Waiting TCP client connection")  # said by a thread, at any time
 
     @property
     def pid(self):

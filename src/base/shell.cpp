@@ -75,5 +75,6 @@ std::string shell_output(const char *command, size_t limit) {
         output.append(piece, std::min(length, limit - output.size()));
     }
     pclose(pipe);
+    output.resize(strnlen(output.c_str(), output.size()));
     return output;
 }

@@ -18,6 +18,6 @@ char *shell_word(char *word, size_t size, const char *value);
 // interpret there is escaped with a backslash.
 char *shell_quoted_text(char *text, size_t size, const char *value);
 
-// Runs one command line and returns what it prints, at most `limit` bytes; empty when it cannot be
-// started. Waits for its end. Any thread.
+// Runs one command line and returns what it prints, up to the first zero and at most `limit` bytes;
+// empty when it cannot be started. Waits for its end. Any thread.
 std::string shell_output(const char *command, size_t limit);

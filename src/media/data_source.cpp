@@ -79,7 +79,7 @@ bool data_source_present() {
 }
 
 void send_to_data_source(const void *data, size_t length) {
-    const Ipv4Port source = data_endpoint.peer;
+    const Ipv4Port source = data_endpoint.peer.load(std::memory_order_acquire);
     if (port_of(source) != 0) {
         udp_endpoint_send(data_endpoint, data, length, socket_address(source));
     }

@@ -60,7 +60,7 @@ static void deliver(UdpEndpoint &endpoint, uint8_t *buffer, size_t length, Ipv4P
     char host[ipv4_text_size];
     host_text(sender, host);
     endpoint.rx_bytes.add(static_cast<uint32_t>(length));
-    endpoint.peer = sender;
+    endpoint.peer.store(sender, std::memory_order_release);
     if (endpoint.last_receive_ms == 0) {
         if (endpoint.on_found != nullptr) {
             endpoint.on_found(host);
@@ -103,7 +103,7 @@ void udp_endpoint_check_lost(UdpEndpoint &endpoint) {
     }
     if (endpoint.on_lost != nullptr) {
         endpoint.on_lost();
-        endpoint.peer = 0;
+        endpoint.peer.store(0, std::memory_order_relaxed);
     }
     endpoint.last_receive_ms = 0;
 }
@@ -131,7 +131,7 @@ int udp_endpoint_send_to(UdpEndpoint &endpoint, const void *data, size_t length,
 }
 
 int udp_endpoint_reply(UdpEndpoint &endpoint, const void *data, size_t length) {
-    const Ipv4Port peer = endpoint.peer;
+    const Ipv4Port peer = endpoint.peer.load(std::memory_order_acquire);
     if (port_of(peer) == 0) {
         return -1;
     }

@@ -29,7 +29,9 @@ struct UdpEndpoint {
     bool clear_before_read;     // the bytes behind each datagram read as zeros
     Relaxed<uint32_t> rx_bytes; // received since open
     Relaxed<uint32_t> tx_bytes; // handed to udp_endpoint_send and _send_to since open
-    Relaxed<uint64_t> peer;     // Ipv4Port of the last sender: peer_host and peer_port; 0: none
+    // Ipv4Port of the last sender: peer_host and peer_port; 0: none. Publishes `socket` to threads
+    // that send to the peer.
+    std::atomic<uint64_t> peer;
 
     // The receive buffer, owned by the owner. `buffer` publishes every field above that the owner
     // sets, and `buffer_size`.

@@ -107,6 +107,15 @@ TEST_F(Ring, ADuplicateIsTakenButNotGiven) {
     EXPECT_EQ(take().length, 40U);
 }
 
+TEST_F(Ring, OneIdentifierIsRememberedForBothRings) {
+    fill(0, 10, 7, 3);
+    EXPECT_EQ(take().result, TakeResult::frame);
+    std::vector<uint8_t> other = bytes_;
+    put_u16(other.data() + ring_read_index_at, 0);
+    other[ring_header_size + slot_ready_at] = 1;
+    EXPECT_EQ(take_frame(other.data(), capacity, last_).result, TakeResult::duplicate);
+}
+
 TEST_F(Ring, AnIndexOutOfRangeStartsAgainAtZero) {
     for (const unsigned bad : {200U, 201U, 256U, 65535U}) {
         set_index(static_cast<uint16_t>(bad));

@@ -143,5 +143,6 @@ TEST(ShellOutput, IsReadWholeUpToTheLimit) {
     EXPECT_EQ(shell_output("printf abcdef", 3), "abc");
     EXPECT_EQ(shell_output("head -c 50000 /dev/zero | tr '\\0' x", 100000).size(), 50000U);
     EXPECT_EQ(shell_output("yes", 5000).size(), 5000U);
+    EXPECT_EQ(shell_output("printf 'abc\\0def'", 100), "abc");
     EXPECT_EQ(shell_output("exit 3", 100), "");
 }

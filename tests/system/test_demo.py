@@ -1,0 +1,319 @@
+"""The demo: its whole run, and that it notices what it is there to notice."""
+
+import hashlib
+import os
+import re
+import signal
+import socket
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import pytest
+
+from conftest import BINARY, REPOSITORY, wait_until
+
+sys.path.insert(0, str(REPOSITORY / "sim"))
+
+from checks import (CheckFailed, FrameTimes, check_whole, compare,  # noqa: E402
+                    decode, png_size, save_picture)
+from client import Client, VideoFile  # noqa: E402
+from ring import (CAPACITY, HEADER_SIZE, RING_SIZE, SLOT_SIZE, SLOTS,  # noqa: E402
+                  FrameRing, RingError)
+
+
+def demo_command(output, *options):
+    return ["/usr/bin/python3", "-B", str(REPOSITORY / "sim/demo.py"), "--binary", str(BINARY),
+            "--output", str(output), *options]
+
+
+@pytest.fixture
+def start_demo(tmp_path):
+    """start_demo(option, ...): the demo as a process, its output in tmp_path/"out"."""
+    started = []
+
+    def start(*options):
+        with open(tmp_path / "out", "wb") as out:
+            process = subprocess.Popen(demo_command(tmp_path, *options), stdout=out,
+                                       stderr=subprocess.STDOUT, start_new_session=True)
+        started.append(process)
+        return process
+
+    yield start
+    for process in started:
+        process.kill()
+        process.wait()
+
+
+def descendants(pid):
+    """All processes below a process, as (pid, command line)."""
+    for task in Path(f"/proc/{pid}/task").glob("*/children"):
+        for child in task.read_text().split():
+            try:
+                yield int(child), Path(f"/proc/{child}/cmdline").read_bytes().split(b"\0")
+                yield from descendants(child)
+            except FileNotFoundError:
+                pass
+
+
+def find(process, program):
+    """The process id of a program that the demo runs, or None."""
+    for pid, command in descendants(process.pid):
+        if command[0] == program.encode():
+            return pid
+    return None
+
+
+def wait_for_frames(process, out):
+    wait_until(lambda: " frames " in out.read_text() or process.poll() is not None,
+               "the live line", 60.0)
+
+
+def test_whole_run(tmp_path):
+    result = subprocess.run(demo_command(tmp_path, "--seconds", "3"), timeout=120,
+                            capture_output=True, text=True)
+    assert result.returncode == 0, result.stdout + result.stderr
+    assert result.stderr == ""
+    frames = int(re.search(r"video +(\d+) frames", result.stdout).group(1))
+    assert frames > 20
+    assert re.search(r"lost +0 packets", result.stdout)
+    sent = re.search(r"telemetry +(\d+) of (\d+)", result.stdout)
+    assert sent.group(1) == sent.group(2) != "0"
+    assert int(re.search(r"(\d+) keep-alive commands", result.stdout).group(1)) > 0
+    sent = re.search(r"audio +(\d+) of (\d+)", result.stdout)
+    assert sent.group(1) == sent.group(2) != "0"
+    assert decode(tmp_path / "demo.h264") == frames
+    assert png_size(tmp_path / "demo.png") == (1280, 720)
+
+
+def test_stays_until_interrupted(start_demo, tmp_path):
+    process = start_demo("--stay")
+    wait_for_frames(process, tmp_path / "out")
+    # Ctrl-C in a terminal: a signal for the whole group of processes.
+    os.killpg(process.pid, signal.SIGINT)
+    assert process.wait(60) == 0, (tmp_path / "out").read_text()
+    assert "byte for byte" in (tmp_path / "out").read_text()
+    assert decode(tmp_path / "demo.h264") > 0
+
+
+def test_death_of_the_daemon_is_noticed(start_demo, tmp_path):
+    process = start_demo("--stay")
+    wait_for_frames(process, tmp_path / "out")
+    os.kill(find(process, str(BINARY)), signal.SIGKILL)
+    assert process.wait(60) == 1
+    text = (tmp_path / "out").read_text()
+    assert "The demo failed: the daemon ended" in text
+    assert "The daemon said:\nQuillorbeacon-NG" in text
+
+
+def test_death_of_the_encoder_is_noticed(start_demo, tmp_path):
+    process = start_demo("--stay")
+    wait_for_frames(process, tmp_path / "out")
+    os.kill(find(process, "ffmpeg"), signal.SIGKILL)
+    assert process.wait(60) == 1
+    assert "The demo failed: the simulated camera failed" in (tmp_path / "out").read_text()
+
+
+def test_a_foreign_frame_is_noticed(start_demo, tmp_path):
+    """The client receives what the camera did not publish."""
+    process = start_demo("--stay")
+    wait_for_frames(process, tmp_path / "out")
+    root = Path(f"/proc/{find(process, str(BINARY))}/root")
+    FrameRing(root / "dev/shm/quillorbeacon_framebuffer").publish(b"not from the camera")
+    time.sleep(0.3)
+    process.send_signal(signal.SIGTERM)
+    assert process.wait(60) == 1
+    text = (tmp_path / "out").read_text()
+    assert "The demo failed: the received video differs from the published one at byte" in text
+
+
+# The checks by themselves.
+
+@pytest.fixture
+def files(tmp_path):
+    """files(published, received): two files with that content."""
+
+    def make(*contents):
+        paths = [tmp_path / "published", tmp_path / "received"]
+        for path, content in zip(paths, contents):
+            path.write_bytes(content)
+        return paths
+
+    return make
+
+
+DATA = bytes(range(256)) * 10000  # more than one block of the comparison
+
+
+@pytest.mark.parametrize("received, offset", [
+    (DATA, None),
+    (DATA[:-1], len(DATA) - 1),
+    (DATA + b"x", len(DATA)),
+    (b"", 0),
+    (b"x" + DATA[1:], 0),
+    (DATA[:2000000] + b"x" + DATA[2000001:], 2000000),
+    (DATA[:1300] + DATA[2600:], None),
+], ids=["equal", "cut", "longer", "empty", "first byte", "second block", "a packet missing"])
+def test_compare(files, received, offset):
+    if len(received) == len(DATA) - 1300:
+        offset = next(i for i, (a, b) in enumerate(zip(DATA, received)) if a != b)
+    assert compare(*files(DATA, received)) == offset
+
+
+def record_of(data, kept):
+    return {"bytes": len(data), "kept": kept, "sha256": hashlib.sha256(data).hexdigest()}
+
+
+def test_beyond_the_kept_part_the_digest_counts(files):
+    published, received = files(DATA[:5000], DATA[:5000])
+    record = record_of(DATA, 5000)
+    check_whole(record, published, received, len(DATA), record["sha256"])
+    other = hashlib.sha256(DATA[:-1] + b"x").hexdigest()
+    with pytest.raises(CheckFailed):
+        check_whole(record, published, received, len(DATA), other)
+    with pytest.raises(CheckFailed):
+        check_whole(record, published, received, len(DATA) - 1, record["sha256"])
+
+
+def test_nothing_published_is_a_failure(files):
+    with pytest.raises(CheckFailed):
+        check_whole(record_of(b"", 0), *files(b"", b""), 0, hashlib.sha256(b"").hexdigest())
+
+
+def test_a_damaged_stream_does_not_decode(tmp_path):
+    stream = tmp_path / "stream.h264"
+    subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
+                    "testsrc2=size=320x240:rate=30", "-frames:v", "30", "-pix_fmt", "yuv420p",
+                    "-c:v", "libx264", "-preset", "ultrafast", str(stream)], check=True)
+    assert decode(stream) == 30
+    assert save_picture(stream, 15, tmp_path / "picture.png") == (320, 240)
+    data = stream.read_bytes()
+    middle = len(data) // 2
+    stream.write_bytes(data[:middle] + data[middle + 1300:])
+    with pytest.raises(CheckFailed):
+        decode(stream)
+
+
+# The client by itself.
+
+def packet(kind, sequence, payload=b"", length=None):
+    length = len(payload) if length is None else length
+    return (b"R" + bytes([kind]) + length.to_bytes(2, "little")
+            + (sequence % (1 << 32)).to_bytes(4, "little") + b"\1\0\0\0" + payload)
+
+
+def lost_in(*sequences):
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as opened:
+        client = Client(opened)
+        for sequence in sequences:
+            client.take(packet(1, sequence), 0)
+        return client.lost
+
+
+def test_lost_packets_are_counted():
+    assert lost_in(7, 8, 9) == 0
+    assert lost_in(7, 8, 10) == 1
+    assert lost_in(7, 17) == 9
+    assert lost_in(7, 9, 8, 10) == 0
+    assert lost_in((1 << 32) - 2, (1 << 32) - 1, 0, 1) == 0
+    assert lost_in((1 << 32) - 1, 2) == 2
+
+
+def test_malformed_packets_are_counted(board):
+    client = Client(board.socket())
+    for datagram in (b"", b"R", b"X" + packet(1, 1)[1:], packet(1, 1, b"abc", length=2),
+                     packet(1, 1)[:8] + b"\2\0\0\0"):
+        client.take(datagram, 0)
+    assert client.malformed == 5 and not client.packets
+
+
+def test_latency_is_that_of_the_last_piece(tmp_path):
+    video = VideoFile(tmp_path / "video", 1000)
+    frames = tmp_path / "frames.bin"
+    times = FrameTimes(frames, video.arrivals)
+    times.update()
+    frames.write_bytes(b"".join(n.to_bytes(8, "little")
+                                for n in (1_000_000, 30, 2_000_000, 40, 3_000_000, 60)))
+    for piece, when in ((b"a" * 20, 2_000_000), (b"b" * 10, 6_000_000), (b"c" * 10, 4_500_000)):
+        video.add(piece, when)
+        times.update()
+    assert times.latencies == [5.0, 2.5] and times.frames == 2
+    video.add(b"d" * 19, 9_000_000)
+    times.update()
+    assert times.frames == 2
+    # Pieces that do not end where the frame does: nothing can be said any more.
+    video.add(b"e" * 19, 9_000_000)
+    times.update()
+    assert times.frames == 2
+
+
+# The ring by itself.
+
+@pytest.fixture
+def ring_file(tmp_path):
+    path = tmp_path / "ring"
+    with open(path, "wb") as file:
+        file.truncate(RING_SIZE)
+        file.write(b"\1")
+    return path
+
+
+def read_slot(path, number):
+    """Length, identifier, ready flag and data of a slot."""
+    with open(path, "rb") as file:
+        file.seek(HEADER_SIZE + number * SLOT_SIZE)
+        header = file.read(18)
+        length = int.from_bytes(header[:4], "little")
+        return length, int.from_bytes(header[4:7], "little"), header[9], file.read(length)
+
+
+def write_at(path, offset, data):
+    with open(path, "r+b") as file:
+        file.seek(offset)
+        file.write(data)
+
+
+def test_frames_fill_slots_from_the_read_index(ring_file):
+    write_at(ring_file, 6, (199).to_bytes(2, "little"))
+    ring = FrameRing(ring_file)
+    ring.publish(b"first")
+    ring.publish(b"x" * CAPACITY)
+    assert read_slot(ring_file, 199) == (5, 1, 1, b"first")
+    assert read_slot(ring_file, 0) == (CAPACITY, 2, 1, b"x" * CAPACITY)
+    assert read_slot(ring_file, 1)[2] == 0
+
+
+def test_frames_of_an_earlier_producer_are_left_alone(ring_file):
+    for number in (0, 1):
+        write_at(ring_file, HEADER_SIZE + number * SLOT_SIZE + 9, b"\1")
+    assert FrameRing(ring_file).publish(b"mine", stopped=lambda: True) is not None
+    assert read_slot(ring_file, 1)[0] == 0
+    assert read_slot(ring_file, 2) == (4, 1, 1, b"mine")
+
+
+def test_a_full_ring_is_waited_for(ring_file):
+    ring = FrameRing(ring_file)
+    for number in range(SLOTS):
+        assert ring.publish(b"%d" % number, stopped=lambda: True) is not None
+    assert ring.publish(b"more", stopped=lambda: True) is None
+    assert read_slot(ring_file, 0)[3] == b"0"
+    assert not ring.wait_taken(0.01)
+    write_at(ring_file, HEADER_SIZE + 9, b"\0")
+    assert ring.publish(b"more", stopped=lambda: True) is not None
+    assert read_slot(ring_file, 0)[3] == b"more"
+
+
+def test_unfit_frames_and_rings_are_refused(ring_file, tmp_path):
+    ring = FrameRing(ring_file)
+    for frame in (b"", b"x" * (CAPACITY + 1)):
+        with pytest.raises(RingError):
+            ring.publish(frame)
+    with pytest.raises(RingError):
+        FrameRing(tmp_path / "none", timeout=0.05)
+    (tmp_path / "short").write_bytes(b"\1")  # created, but not yet of its size
+    with pytest.raises(RingError):
+        FrameRing(tmp_path / "short", timeout=0.05)
+    write_at(ring_file, 0, b"\0")
+    with pytest.raises(RingError):
+        FrameRing(ring_file, timeout=0.05)
