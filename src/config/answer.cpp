@@ -1,5 +1,6 @@
 #include "config/answer.h"
 
+#include "base/file_text.h"
 #include "base/free_space.h"
 #include "base/shell.h"
 #include "config/config.h"
@@ -11,9 +12,7 @@
 #include <atomic>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <span>
-#include <unistd.h>
 
 constexpr const char *model_file = "/sys/firmware/devicetree/base/model";
 constexpr const char *program_version = "0.8.19";
@@ -33,17 +32,6 @@ static std::atomic<bool> display_busy;
 
 static std::string quoted(const std::string &text) {
     return "\"" + text + "\"";
-}
-
-// What the file holds, at most `limit` bytes, up to the first zero; empty without the file.
-static std::string file_text(const char *path, size_t limit) {
-    std::string text(limit, '\0');
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    const ssize_t length = fd < 0 ? 0 : read(fd, text.data(), limit);
-    if (fd >= 0) {
-        close(fd);
-    }
-    return text.substr(0, strnlen(text.data(), length > 0 ? static_cast<size_t>(length) : 0));
 }
 
 static std::string board_model() {

@@ -10,6 +10,7 @@
 #include "config/config_keys.h"
 #include "config/display_output.h"
 #include "config/restream_clients.h"
+#include "config/wired_address.h"
 #include "config/writer.h"
 #include "core/gpio.h"
 #include "core/process_control.h"
@@ -49,15 +50,9 @@ static void then_ethernet(const cJSON * /*command*/) {
         run_shell("dhcpcd --rebind eth0");
         return;
     }
-    char address[100];
-    char mask[100];
-    char command[command_size];
-    snprintf(command, sizeof command, "ifconfig eth0 %s netmask %s up",
-             shell_word(address, sizeof address, config.eth_static_ip),
-             shell_word(mask, sizeof mask, config.eth_static_mask));
     run_shell("dhcpcd --release eth0");
     run_shell("ip addr flush dev eth0");
-    run_shell(command);
+    set_static_address(config);
     run_shell("ip route add dev eth0 default");
 }
 

@@ -2,9 +2,11 @@
 
 #include "automove/movement_list.h"
 #include "automove/movement_runner.h"
+#include "base/file_text.h"
 #include "base/process_end.h"
 #include "base/shell.h"
 #include "config/config.h"
+#include "config/wired_address.h"
 #include "core/gpio.h"
 #include "media/audio_source.h"
 #include "media/data_source.h"
@@ -20,7 +22,7 @@
 
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
+#include <string>
 #include <unistd.h>
 
 #ifdef HAVE_BCM_HOST
@@ -41,45 +43,26 @@ constexpr const char *gpio_pid_file = "/var/run/pigpio.pid";
 constexpr const char *default_camera_params =
     "-w 1280 -h 720 -fps 48 --bitrate 2000000 --preview 100,100,320,200";
 constexpr size_t model_size = 100;
-constexpr size_t command_size = 100;
 
 static void load_settings() {
     fputs("Loading config file... ", stderr);
     fputs(load_config(config_file) == 0 ? "done\n" : "failed\n", stderr);
 }
 
-// The model may fill all its bytes without a terminating zero; what follows a zero does not count.
 static void detect_board(ConfigRecord &config) {
-    char model[model_size + 1] = "";
-    const int fd = open(model_file, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        const ssize_t length = read(fd, model, model_size);
-        model[length > 0 ? length : 0] = '\0';
-        close(fd);
-    }
-    fprintf(stderr, "Board model: %s\n", model);
-    config.slow_cpu = strstr(model, "Zero") != nullptr ? 1 : 0;
+    const std::string model = file_text(model_file, model_size);
+    fprintf(stderr, "Board model: %s\n", model.c_str());
+    config.slow_cpu = model.find("Zero") != std::string::npos ? 1 : 0;
     if (config.slow_cpu != 0) {
         fputs("SLOW CPU!\n", stderr);
     }
 }
 
-static void set_up_static_address(const ConfigRecord &config) {
-    // Room for every character escaped.
-    char address[sizeof config.eth_static_ip * 4 + 3];
-    char mask[sizeof config.eth_static_mask * 4 + 3];
-    char command[command_size];
-    snprintf(command, sizeof command, "ifconfig eth0 %s netmask %s up",
-             shell_word(address, sizeof address, config.eth_static_ip),
-             shell_word(mask, sizeof mask, config.eth_static_mask));
-    run_shell("dhcpcd --release eth0");
-    run_shell(command);
-    run_shell("ip route add dev eth0 default");
-}
-
 static void set_up_wired_network(const ConfigRecord &config) {
     if (config.eth_static_ip_enabled != 0) {
-        set_up_static_address(config);
+        run_shell("dhcpcd --release eth0");
+        set_static_address(config);
+        run_shell("ip route add dev eth0 default");
         return;
     }
     run_shell("ip route delete default");

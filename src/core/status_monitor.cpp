@@ -2,6 +2,7 @@
 
 #include "automove/movement_list.h"
 #include "automove/movement_runner.h"
+#include "base/file_text.h"
 #include "base/free_space.h"
 #include "base/shell.h"
 #include "base/text.h"
@@ -16,7 +17,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
 #include <string>
 #include <unistd.h>
 
@@ -130,14 +130,7 @@ static bool is_connected(const char *setting) {
 
 // The number that a file begins with; 0 without the file.
 static int32_t number_in(const char *path) {
-    char text[number_size + 1] = "";
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd >= 0) {
-        const ssize_t length = read(fd, text, number_size);
-        text[length > 0 ? length : 0] = '\0';
-        close(fd);
-    }
-    return parse_number(text);
+    return parse_number(file_text(path, number_size).c_str());
 }
 
 static uint32_t seconds_since(int32_t timestamp) {
