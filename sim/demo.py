@@ -9,6 +9,7 @@ import argparse
 import os
 import signal
 import statistics
+import struct
 import subprocess
 import sys
 import tempfile
@@ -23,10 +24,17 @@ from board import Board, Daemon, require_root, wait_until  # noqa: E402
 from checks import (CheckFailed, FrameTimes, check_whole, decode,  # noqa: E402
                     read_record, save_picture)
 from client import AUDIO, INFO, STATUS, VIDEO, Client, VideoFile  # noqa: E402
-from source import RATE  # noqa: E402
+from source import RATE, STICK_SECONDS  # noqa: E402
 
 MODEL = "Raspberry Pi 4 Model B"
-CONFIG = 'device_name="Quillorbeacon demo"\naudio_enabled=1\n'
+CONFIG = """device_name="Quillorbeacon demo"
+audio_enabled=1
+rc1_channels=[{"ch":1,"min":1000,"c":1500,"max":2000,"f":2},{"ch":2,"min":1000,"c":1500,"max":2000,"f":3}]
+automove_smooth=1
+automove_smooth_speed=6
+automove_list="15,10,0,,,,,0,0,;-15,-10,0,,,,,0,0,"
+"""
+PLAY = b'{"cmd":"updateconfig","param":"automovement","value":"setstate","value2":"1"}'
 CLIENT_HOST = "127.0.0.10"
 RECORD = "/tmp/camera"  # on the board
 KEEP = 1 << 28  # bytes of video kept in files, some nine minutes; --stay may go on for longer
@@ -50,6 +58,7 @@ class Viewer:
         self.name = ""
         self.status = None  # the daemon's last status record
         self.client = Client(board.socket(bind=(CLIENT_HOST, 0)), self.video.add, self._take_data)
+        self.camera_state = board.path("/dev/shm/shared_camstate")
         self.times = FrameTimes(board.path(RECORD) / "frames.bin", self.video.arrivals)
         self.started = None
 
@@ -69,8 +78,11 @@ class Viewer:
     def describe_status(self):
         if self.status is None:
             return f'"{self.name}" answers' if self.name else "no answer yet"
-        return (f"data {'on' if self.status[39] else 'off'}, "
-                f"video {'on' if self.status[40] else 'off'}, clients {self.status[3]}")
+        pan, tilt = struct.unpack_from("<2h", self.camera_state.read_bytes())
+        playing = f"pose {min(self.status[36] + 1, self.status[37])}/{self.status[37]}" if self.status[35] else "stick"
+        return (f"data {'on' if self.status[39] else 'off'}  "
+                f"video {'on' if self.status[40] else 'off'}  "
+                f"gimbal {pan / 10:+.0f} {tilt / 10:+.0f} ({playing})")
 
 
 class LiveLine:
@@ -137,8 +149,12 @@ def watch(viewer, daemon, camera, seconds, interrupted):
                or camera.poll() is not None, "the first piece of video", 30.0)
     viewer.started = time.monotonic()
     line = LiveLine(viewer)
+    playing = False
     while daemon.alive() and camera.poll() is None:
         left = viewer.started + seconds - time.monotonic()
+        if not playing and time.monotonic() - viewer.started > STICK_SECONDS:
+            viewer.client.send(PLAY)
+            playing = True
         if left <= 0 or interrupted.wait(min(left, SHOW_INTERVAL)):
             break
         line.show()
@@ -163,7 +179,7 @@ def give_to_user(*paths):
                 os.chown(path, int(os.environ["SUDO_UID"]), int(os.environ["SUDO_GID"]))
 
 
-def report(viewer, record, pictures, size, stream, picture):
+def report(viewer, record, pictures, size, poses, stream, picture):
     """Says in plain words what was seen."""
     times = sorted(viewer.times.latencies)
     packets = viewer.client.packets[VIDEO]
@@ -181,12 +197,22 @@ byte for byte what the camera published
   telemetry   {viewer.telemetry} of {record['telemetry']} messages; the camera got \
 {record['commands']} keep-alive commands back
   audio       {viewer.audio} of {record['audio']} packets
+  gimbal      turned by a stick up to {record['turned']:.0f} degrees, then driven to {poses} poses \
+of a movement list
 ffmpeg decodes what was received without an error: {pictures} pictures.
   {stream}   the video as received{part}
   {picture}    a picture from the middle of it""")
 
 
-def check_and_report(viewer, board, stream, picture):
+def check_gimbal(record, poses, seconds):
+    """The gimbal must have followed the stick, and then the movement list."""
+    if seconds > STICK_SECONDS and record["turned"] < 10:
+        raise CheckFailed(f"the stick turned the gimbal by {record['turned']:.1f} degrees only")
+    if seconds > STICK_SECONDS + 5 and poses == 0:
+        raise CheckFailed("the gimbal reached no pose of the movement list")
+
+
+def check_and_report(viewer, board, daemon, stream, picture):
     """The ending: all checks of what was received; raises CheckFailed."""
     record = read_record(board.path(RECORD))
     wait_rest(viewer, record["bytes"])
@@ -199,8 +225,10 @@ def check_and_report(viewer, board, stream, picture):
     pictures = decode(stream)
     if record["kept"] == record["bytes"] and pictures != record["frames"]:
         raise CheckFailed(f"{record['frames']} frames were published, {pictures} decode")
+    poses = daemon.errors().count("Start new movement ID")
+    check_gimbal(record, poses, record["frames"] / RATE)
     size = save_picture(stream, pictures // 2, picture)
-    report(viewer, record, pictures, size, stream, picture)
+    report(viewer, record, pictures, size, poses, stream, picture)
 
 
 def run(arguments, scratch):
@@ -239,7 +267,7 @@ def run(arguments, scratch):
                 raise CheckFailed(f"the daemon ended with status {daemon.wait_exit()}")
             if ended_early or camera.returncode != 0:
                 raise CheckFailed("the simulated camera failed")
-            check_and_report(viewer, board, stream, picture)
+            check_and_report(viewer, board, daemon, stream, picture)
             if not daemon.alive():
                 raise CheckFailed(f"the daemon ended with status {daemon.wait_exit()}")
             failed = False

@@ -2,7 +2,7 @@
 
 Encodes a moving test picture with a clock in real time and publishes it in the frame ring, sends
 telemetry, audio and video-presence datagrams to the daemon's ports, and takes the commands that the
-daemon sends back. Runs until SIGTERM. It keeps a record of what it published, in a folder:
+daemon sends back. Its gimbal turns as the daemon wants, moved by a stick at first. Runs until SIGTERM. It keeps a record of what it published, in a folder:
 
     published.h264   the video, up to a size (--keep)
     frames.bin       per frame: when it was published (CLOCK_MONOTONIC, ns) and the stream's length
@@ -25,6 +25,8 @@ import time
 from pathlib import Path
 
 from access_units import AccessUnitSplitter
+from gimbal import INTERVAL as GIMBAL_INTERVAL
+from gimbal import Gimbal, Stick
 from ring import FrameRing, RingError
 
 DAEMON = "127.0.0.1"
@@ -35,6 +37,7 @@ AUDIO_PORT = 5003
 WIDTH, HEIGHT, RATE = 1280, 720, 30
 FONT = "/usr/share/fonts/truetype/dejavu/DejaVuSansMono-Bold.ttf"
 
+STICK_SECONDS = 4.0  # how long the stick is moved
 TELEMETRY_INTERVAL = 0.1
 AUDIO_INTERVAL = 0.02
 AUDIO_RATE = 16000
@@ -164,6 +167,7 @@ def run(record):
     """Feeds the daemon until SIGTERM; returns the exit status."""
     stopping = threading.Event()
     ring = FrameRing()
+    gimbal, stick = Gimbal(), Stick(STICK_SECONDS)
     # In a session of its own: Ctrl-C in the terminal is not meant for it.
     encoder = subprocess.Popen(encoder_command(), stdin=subprocess.DEVNULL,
                                stdout=subprocess.PIPE, start_new_session=True)
@@ -178,7 +182,8 @@ def run(record):
     audio_socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
     beats = [Beat(TELEMETRY_INTERVAL, telemetry.send),
              Beat(AUDIO_INTERVAL,
-                  lambda n: audio_socket.sendto(tone(n), (DAEMON, AUDIO_PORT)))]
+                  lambda n: audio_socket.sendto(tone(n), (DAEMON, AUDIO_PORT))),
+             Beat(GIMBAL_INTERVAL, gimbal.turn), Beat(GIMBAL_INTERVAL, stick.move)]
     for beat in beats:
         beat.start()
     try:
@@ -190,7 +195,8 @@ def run(record):
         encoder.wait()
         for beat in beats:
             beat.stop()
-        record.close(telemetry=beats[0].count, audio=beats[1].count, commands=telemetry.commands)
+        record.close(telemetry=beats[0].count, audio=beats[1].count, commands=telemetry.commands,
+                     turned=stick.turned(gimbal))
     if not stopping.is_set():
         print("the encoder ended by itself", file=sys.stderr)
         return 1

@@ -83,6 +83,7 @@ def test_whole_run(tmp_path):
     assert int(re.search(r"(\d+) keep-alive commands", result.stdout).group(1)) > 0
     sent = re.search(r"audio +(\d+) of (\d+)", result.stdout)
     assert sent.group(1) == sent.group(2) != "0"
+    assert re.search(r"gimbal +turned by a stick up to [1-9]\d* degrees", result.stdout)
     assert decode(tmp_path / "demo.h264") == frames
     assert png_size(tmp_path / "demo.png") == (1280, 720)
 
