@@ -43,7 +43,7 @@ static void watch_receiver(uint8_t *block, int receiver, const char *channels, u
         fprintf(stderr, "RC%d found\n", receiver + 1);
         load_rc_channels(block, receiver, channels);
     }
-    if (now - update_time >= stale_ms) {
+    if (update_time != 0 && now - update_time >= stale_ms) {
         update_time = 0;
         put_u32(update_field, 0);
     }
