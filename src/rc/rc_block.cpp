@@ -94,8 +94,7 @@ void load_rc_channels(uint8_t *block, int receiver, const char *json_text) {
         return;
     }
     cJSON *list = cJSON_Parse(json_text);
-    const int count = cJSON_GetArraySize(list);
-    const cJSON *element = count > 0 ? cJSON_GetArrayItem(list, 0) : nullptr;
+    const cJSON *element = cJSON_IsArray(list) != 0 ? cJSON_GetArrayItem(list, 0) : nullptr;
     for (; element != nullptr; element = element->next) {
         const cJSON *number = cJSON_GetObjectItem(element, "ch");
         if (number != nullptr && number->valueint >= 1 &&

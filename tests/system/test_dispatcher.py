@@ -441,13 +441,8 @@ def test_a_list_beyond_the_reply_is_cut(board, daemon, client):
     expect_silence(client)
 
 
-# Requests whose doers are not there yet.
+# Requests that other parts carry out.
 
-RC = pytest.mark.xfail(strict=True, reason="comes with the RC channels",
-                       raises=(AssertionError, TimeoutError))
-
-
-@RC
 def test_rc_channels_come_in_two_replies(daemon, client):
     client.send(b'{"cmd":"rc","param":"get-channels"}')
     client.ask_info()
@@ -456,7 +451,6 @@ def test_rc_channels_come_in_two_replies(daemon, client):
     assert len(reply(client)) == 44
 
 
-@RC
 @pytest.mark.parametrize("param, value, value2, line", [
     ("calibrate-minmax", "0", "", "Set RC1 state 2\n"),
     ("finish-minmax", "1", "", "Set RC2 state 3\n"),
@@ -470,7 +464,6 @@ def test_rc_settings(daemon, client, param, value, value2, line):
     assert line in daemon.errors()
 
 
-@RC
 def test_gimbal_values_of_the_application(board, daemon, client):
     client.send(struct.pack("<BBhhh", 5, 0, 32767, -32767, 0))
     path = board.path("/run/quillorbeacon/smooth_ptd_app_values")

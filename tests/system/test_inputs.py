@@ -47,7 +47,7 @@ def update_lines(daemon):
     lines = daemon.errors().splitlines(keepends=True)
     first = next(i for i, line in enumerate(lines) if line.startswith("config_update"))
     return [line for line in lines[first:]
-            if not line.startswith("TCP server: ") and "shared raw RC" not in line]
+            if not line.startswith("TCP server: ") and "hared raw RC" not in line]
 
 
 def wait_cycles(daemon, count=9):

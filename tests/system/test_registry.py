@@ -19,7 +19,7 @@ def after_start_up(daemon):
     text = daemon.errors()
     text = text[text.index("GPIO"):]
     return [line for line in text.splitlines()
-            if not line.startswith("TCP") and "shared raw RC" not in line][1:]
+            if not line.startswith("TCP") and "hared raw RC" not in line][1:]
 
 
 def published(board):

@@ -7,6 +7,9 @@ import pytest
 
 from conftest import wait_until
 
+RC = ["Init RC", "Creating new shared raw RC", "Init RC done"]
+MOVEMENTS = ["Auto movement init", "Creating new shared cam state", "Auto movement set list ",
+             "Added 0 movements:", "", "Auto movement stop"]
 SERVERS = [
     "Init UDP server", "Init UDP done", "Init TCP server", "Init TCP done",
     "Init video source server", "Init video source", "Init frame buffer 60003624 bytes",
@@ -34,7 +37,8 @@ def shell_commands(board):
 def test_messages_in_order(start):
     daemon = start()
     assert startup_lines(daemon) == [
-        "Quillorbeacon-NG v.0.8.19", "Loading config file... done", "Board model: "] + SERVERS
+        "Quillorbeacon-NG v.0.8.19", "Loading config file... done", "Board model: ",
+        *RC, *SERVERS, *MOVEMENTS]
     assert daemon.errors().count("Failed to init GPIO subsystem\n") == 1
 
 
@@ -98,8 +102,8 @@ def test_a_static_address_is_one_inert_word(board, start, value):
 def test_board_model(start, model, slow, printed):
     daemon = start(model=model)
     head = ["Quillorbeacon-NG v.0.8.19", "Loading config file... done", f"Board model: {printed}"]
-    expected = head + (["SLOW CPU!"] + ON_SLOW_BOARDS if slow else SERVERS)
-    assert startup_lines(daemon) == expected
+    expected = ["SLOW CPU!", *ON_SLOW_BOARDS] if slow else [*RC, *SERVERS]
+    assert startup_lines(daemon) == head + expected + MOVEMENTS
 
 
 def test_a_slow_board_has_no_video_and_no_audio_server(board, start):

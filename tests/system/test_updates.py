@@ -298,7 +298,6 @@ def test_a_shorter_device_name_leaves_nothing_of_the_longer_one(board, start, ma
 
 
 MOVEMENTS = ";".join([",,,,,,,0,0,"] * 3)
-to_come = pytest.mark.xfail(strict=True, reason="comes with the movement runner")
 
 
 def test_automovement_params_are_stored_and_saved(console):
@@ -311,7 +310,6 @@ def test_automovement_params_are_stored_and_saved(console):
     assert console.changes(EMPTY) == {"automove_enabled": "1"}
 
 
-@to_come
 def test_automovement_params_are_parsed_before_and_applied_after_the_save(board, console):
     console.update("automovement", "params", "0", MOVEMENTS, "1", "6")
     wanted = [f"Auto movement set list {MOVEMENTS}", "Added 3 movements:", "Saving config",
@@ -320,7 +318,6 @@ def test_automovement_params_are_parsed_before_and_applied_after_the_save(board,
     assert board.path("/run/quillorbeacon/automovements_state").read_text() == "0"
 
 
-@to_come
 @pytest.mark.parametrize("on, text", [("1", "Auto movement start"), ("0", "Auto movement stop")])
 def test_automovement_setstate(board, console, on, text):
     console.update("automovement", "setstate", on)
@@ -328,7 +325,6 @@ def test_automovement_setstate(board, console, on, text):
     assert board.path("/run/quillorbeacon/automovements_state").read_text() == on
 
 
-@to_come
 def test_automovement_moves(console):
     console.update("automovement", "params", "0", MOVEMENTS, "0", "0")
     for values, number in [(("move", "1"), 2), (("movenext",), 3), (("movenext",), 1),
