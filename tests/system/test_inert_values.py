@@ -31,7 +31,8 @@ def files(board):
     return {str(path) for folder in ("/tmp", APP, "/boot", "/run/quillorbeacon")
             for path in board.path(folder).iterdir()
             if path.name not in ("quillorbeacon.conf", "config.txt", "config.conf", "clients.json",
-                                 "recorder_place", "automovements_state")}
+                                 "recorder_place", "automovements_state")
+            and not path.name.startswith("smooth_ptd_")}
 
 
 @pytest.fixture
