@@ -290,14 +290,14 @@ def test_space_that_is_used_is_not_free(board, daemon, make_client):
 
 def test_a_place_that_is_not_there_has_no_space(board, start, make_client):
     for entry in Path("/").iterdir():
-        target = f"/sys/board/root/{entry.name}"
+        target = f"/sys/board/chroot/{entry.name}"
         if entry.is_symlink():
-            board.path("/sys/board/root").mkdir(exist_ok=True)
+            board.path("/sys/board/chroot").mkdir(exist_ok=True)
             board.path(target).symlink_to(os.readlink(entry))
         elif entry.is_dir() and entry.name not in ("mnt", "media"):
             board.path(target).mkdir(parents=True)
             board.run("/usr/bin/mount", "--rbind", f"/{entry.name}", target)
-    start(runner=("/usr/sbin/chroot", "/sys/board/root"))
+    start(runner=("/usr/sbin/chroot", "/sys/board/chroot"))
     assert b'"free0":0,"free1":0,' in ask(make_client(), "recording")
 
 
