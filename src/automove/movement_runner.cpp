@@ -127,7 +127,11 @@ static void run_smooth(int number, const Movement &movement) {
     } else {
         runner.current = number;
     }
-    send_speeds(pass.speeds);
+    // An error exactly at the threshold moves its axis although the movement has arrived; when
+    // nothing goes on after that, nobody would stop it again.
+    if (runner.running != 0 || runner.current != no_movement) {
+        send_speeds(pass.speeds);
+    }
     sleep_us(smooth_pass_us);
 }
 

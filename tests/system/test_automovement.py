@@ -470,6 +470,19 @@ def test_an_error_of_the_threshold_moves_and_has_arrived(board, start, make_sour
     daemon.wait_error("Start new movement ID 2\n", 2)
 
 
+def test_a_single_move_that_ends_at_the_threshold_leaves_the_gimbal_still(board, start,
+                                                                          make_client):
+    daemon = start(settings(at(10, 0, 0), on=0, smooth=1, speed=4))
+    set_camera(board, 5, 0, 0)
+    console = Console(board, daemon, make_client())
+    wait_state_file(board, APP_FILE, STILL)
+    # Each pass takes 200 ms, in which the publisher looks at the values twice.
+    for _ in range(3):
+        console.update("automovement", "move", "0")
+        assert "Movement ID 0 finished" in console.errors
+        assert board.path(APP_FILE).read_text() == STILL
+
+
 @pytest.mark.parametrize("speed, step", [(1, "0.005000"), (2, "0.010000"), (3, "0.050000"),
                                          (5, "0.200000"), (6, "0.500000"), (0, "0.001000"),
                                          (9, "0.001000")])
