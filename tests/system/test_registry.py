@@ -36,10 +36,13 @@ def wait_published(board, pattern):
 
 
 def wait_rewritten(board):
-    """Waits for the next sweep."""
-    path = board.path(CLIENTS_JSON)
-    before = path.stat().st_mtime_ns
-    wait_until(lambda: path.stat().st_mtime_ns != before, "the file rewritten")
+    """Waits for the next sweep, which may be the first."""
+    def written():
+        path = board.path(CLIENTS_JSON)
+        return path.stat().st_mtime_ns if path.exists() else None
+
+    before = written()
+    wait_until(lambda: written() != before, "the file rewritten")
 
 
 def receive_kind(client, first):
