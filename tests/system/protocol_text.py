@@ -16,7 +16,7 @@ RECEIVE_ONLY = {"display", "notes", "restream", "shell", "stops", "signals", "er
 PROGRAM_LANGUAGES = {"python", "c", "sh"}
 
 STEP = re.compile(r"(\w+)((?: [^<> ]+)*) ([<>])(?: (.*))?")
-COMMENT = re.compile(r"(?:^|\s{2,})#(?: (.*))?$")
+COMMENT = re.compile(r"(?:^|\s+)# (.*)$")
 TOKEN = re.compile(r'"([^"]*)"(?:x(\d+))?|(now)|([0-9a-f]{2}|\.\.)(?:x(\d+))?')
 ARGUMENTS = {"memory": 2, "file": 1, "program": None}
 TEXT_STARTS = ("{", "[", "!{")
@@ -131,7 +131,7 @@ def byte_part(text, where):
 
 def split_comment(text):
     found = COMMENT.search(text)
-    return (text[:found.start()].rstrip(), found.group(1) or "") if found else (text.rstrip(), "")
+    return (text[:found.start()].rstrip(), found.group(1)) if found else (text.rstrip(), "")
 
 
 def check_step(step):
