@@ -1,5 +1,6 @@
 """Plays the examples of a protocol document against the daemon on a board."""
 
+import math
 import mmap
 import re
 import socket
@@ -35,7 +36,7 @@ def offset_of(text):
     """A sum of products: "24+2*300018+9"."""
     if not re.fullmatch(r"\d+([+*]\d+)*", text):
         raise DocumentError(f"no offset: {text!r}")
-    return eval(text)  # digits, plus and times only
+    return sum(math.prod(map(int, product.split("*"))) for product in text.split("+"))
 
 
 def fits(told, line):

@@ -165,6 +165,48 @@ def test_examples_write_and_read_every_field(heading):
     assert used == {name: {at} for name, at in places.items()}
 
 
+# A text with a number in it, the file that has the number, its name there, and how many make one.
+NUMBERS = [
+    ("protocol.md", "| clients | {} |", "src/net/client_registry.h", "client_capacity", 1),
+    ("protocol.md", "forgotten more than {} s after", "src/net/client_registry.h",
+     "client_timeout_ms", 1000),
+    ("protocol.md", "| datagram from a client | {} bytes", "src/net/control_server.cpp",
+     "receive_size", 1),
+    ("protocol.md", "| payload to a client | {} bytes;", "src/net/relay_packet.h",
+     "relay_payload_capacity", 1),
+    ("protocol.md", "; video {} |", "src/net/relay_packet.h", "relay_video_block_size", 1),
+    ("protocol.md", "silent for more than {} s,", "src/media/data_source.cpp", "silence_ms", 1000),
+    ("protocol.md", "A picture of {} bytes or more", "src/net/dispatcher.cpp",
+     "screenshot_limit", 1),
+    ("protocol.md", "| file piece | {} bytes", "src/transfer/file_download.h", "piece_capacity", 1),
+    ("protocol.md", "| a command's answer | {} bytes", "src/config/answer.h",
+     "config_answer_limit", 1),
+    ("protocol.md", "at a time, {} waiting;", "src/net/tcp_server.cpp", "listen_backlog", 1),
+    ("protocol.md", "; {} s per block", "src/net/tcp_server.cpp", "send_timeout_s", 1),
+    ("protocol.md", "| UDP 127.0.0.1:{}, 5255 |", "src/net/relay.cpp", "display_port", 1),
+    ("source-protocol.md", "| {} | 300018 | 60003624 |", "src/media/frame_ring_layout.h",
+     "main_frame_capacity", 1),
+    ("source-protocol.md", "| {} | 65018 | 13003624 |", "src/media/frame_ring_layout.h",
+     "transcoding_frame_capacity", 1),
+    ("source-protocol.md", "and {} slots, one behind", "src/media/frame_ring_layout.h",
+     "ring_slot_count", 1),
+    ("source-protocol.md", "The daemon looks every {} ms and takes", "src/media/video_source.cpp",
+     "ring_poll_us", 1000),
+    ("source-protocol.md", "when it is {} ms old", "src/rc/rc_pass.cpp", "stale_ms", 1),
+    ("source-protocol.md", "`/shared_rc_raw`, {} bytes", "src/rc/rc_block_layout.h",
+     "rc_block_size", 1),
+]
+
+
+@pytest.mark.parametrize("name, text, path, constant, unit", NUMBERS,
+                         ids=[number[3] for number in NUMBERS])
+def test_number_is_that_of_the_code(name, text, path, constant, unit):
+    [number] = re.findall(rf"\b{constant} = (\d+);", source(path))
+    assert int(number) % unit == 0
+    wanted = text.format(int(number) // unit)
+    assert wanted in " ".join(source(f"docs/{name}").split())
+
+
 # Nothing is left out.
 
 def told_commands():
