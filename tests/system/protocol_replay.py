@@ -187,8 +187,8 @@ class Session:
     def _send_datagram(self, step):
         data = step.literal
         if step.header is not None:
-            data = b"R" + bytes([step.header]) + len(data).to_bytes(2, "little") + bytes(
-                8) + data
+            data = (b"R" + bytes([step.header]) + len(data).to_bytes(2, "little")
+                    + b"\0\0\0\0\1\0\0\0" + data)
         port = SOURCE_PORTS.get(step.party, 5252)
         self.peers[step.party].socket.sendto(data, ("127.0.0.1", port))
         if step.party in CLIENTS and data[12:13] in (b"\2", b"\3"):
