@@ -6,6 +6,7 @@ examples, every command has an example, and the programs in the documents are ru
 
 import json
 import re
+import socket
 import subprocess
 
 import pytest
@@ -59,6 +60,14 @@ def test_examples(board, start, name):
 @pytest.mark.parametrize("block", FRESH, ids=lambda block: block.where)
 def test_example_on_a_fresh_board(board, start, block):
     Session(board, start, board_steps(block)).play(block)
+
+
+def test_a_broadcast_finds_the_board(daemon, make_client):
+    client = make_client("0.0.0.0")
+    client.socket.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+    client.socket.sendto(b"R" + bytes(12), ("127.255.255.255", 5252))
+    kind, _, payload = client.receive()
+    assert kind == 0 and payload[0] == 1 and len(payload) == 44
 
 
 @pytest.mark.parametrize("text", [
