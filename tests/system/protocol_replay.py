@@ -90,7 +90,7 @@ class Peer:
         return self.socket.recv(65536)
 
 
-class Session:
+class Stage:
     """A daemon, started on a board as the document's "board" block says, and its surroundings."""
 
     def __init__(self, board, start, steps):

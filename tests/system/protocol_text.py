@@ -74,10 +74,14 @@ class Step:
 class Block:
     where: str
     kind: str  # "exchange", "board" or a programming language
-    name: str
+    name: str  # of a program
     heading: str
     lines: list
     steps: list = field(default_factory=list)
+
+    @property
+    def is_fresh(self):
+        return self.lines[:1] and self.lines[0][1] == "# on a fresh board"
 
 
 @dataclass
@@ -200,7 +204,7 @@ def parse_steps(block):
 def start_block(where, info, heading):
     words = info.split()
     kind, name = (words + ["", ""])[:2]
-    if kind == "exchange" and words[1:] in ([], ["fresh"]) or words == ["board"]:
+    if words in (["exchange"], ["board"]):
         return Block(where, kind, name, heading, [])
     if kind in PROGRAM_LANGUAGES and len(words) == 2:
         return Block(where, kind, name, heading, [])

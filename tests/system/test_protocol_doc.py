@@ -12,14 +12,14 @@ import subprocess
 import pytest
 
 from conftest import REPOSITORY, wait_until
-from protocol_replay import Session, offset_of
+from protocol_replay import Stage, offset_of
 from protocol_text import DocumentError, parse_document
 
 NAMES = ["protocol.md", "commands.md", "source-protocol.md"]
 DOCUMENTS = {name: parse_document(name, (REPOSITORY / "docs" / name).read_text())
              for name in NAMES}
 BLOCKS = [block for document in DOCUMENTS.values() for block in document.blocks]
-FRESH = [block for block in BLOCKS if block.kind == "exchange" and block.name == "fresh"]
+FRESH = [block for block in BLOCKS if block.kind == "exchange" and block.is_fresh]
 PROGRAMS = {block.name: "\n".join(line for _, line in block.lines) + "\n" for block in BLOCKS
             if block.kind not in ("exchange", "board")}
 
@@ -51,15 +51,15 @@ def board_steps(block):
 @pytest.mark.parametrize("name", NAMES)
 def test_examples(board, start, name):
     blocks = [block for block in DOCUMENTS[name].blocks if block.kind == "exchange"]
-    session = Session(board, start, board_steps(blocks[0]))
+    stage = Stage(board, start, board_steps(blocks[0]))
     for block in blocks:
         if block not in FRESH:
-            session.play(block)
+            stage.play(block)
 
 
 @pytest.mark.parametrize("block", FRESH, ids=lambda block: block.where)
 def test_example_on_a_fresh_board(board, start, block):
-    Session(board, start, board_steps(block)).play(block)
+    Stage(board, start, board_steps(block)).play(block)
 
 
 def test_a_broadcast_finds_the_board(daemon, make_client):
@@ -80,7 +80,7 @@ def test_a_broadcast_finds_the_board(daemon, make_client):
     "```exchange\n  52\n```",                    # goes on with nothing
     "```exchange\ndata < nothing\n```",          # nobody can tell
     "```board\nclient > 52\n```",
-    "```exchange stale\nclient > 52\n```",
+    "```exchange fresh\nclient > 52\n```",
     "```packet\n52\n```",
     "```python\nprint()\n```",                   # a program without a name is not run
     "```exchange\nclient > 52\n",                # no end
