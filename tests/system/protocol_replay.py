@@ -127,6 +127,8 @@ class Stage:
                 self.play_step(step)
             if self.daemon.alive():
                 self.finish_block(before, told)
+        except AssertionError as error:
+            raise AssertionError(f"in the example of {block.where}: {error}") from error
         finally:
             for keeper in self.keepers:
                 keeper.stop()
