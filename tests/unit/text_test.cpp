@@ -4,9 +4,11 @@
 #include "base/shell.h"
 
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
 
 TEST(CopyText, CutsToTheFieldAndEndsIt) {
     char field[5] = {'x', 'x', 'x', 'x', 'x'};
@@ -50,7 +52,7 @@ TEST(ParseNumber, SaturatesAt32Bits) {
     EXPECT_EQ(parse_number("-99999999999999999999999"), -2147483647 - 1);
 }
 
-TEST(LittleEndian, GoesByteByByteAtAnyAddress) {
+TEST(LittleEndian, LowByteFirstAtAnyAddress) {
     std::array<uint8_t, 8> bytes{};
     put_u32(bytes.data() + 1, 0x12345678);
     EXPECT_EQ(bytes, (std::array<uint8_t, 8>{0, 0x78, 0x56, 0x34, 0x12, 0, 0, 0}));
@@ -62,6 +64,32 @@ TEST(LittleEndian, GoesByteByByteAtAnyAddress) {
     put_u32(bytes.data(), 0xFFFFFFFFU);
     EXPECT_EQ(get_u32(bytes.data()), 0xFFFFFFFFU);
 }
+
+#ifndef __SANITIZE_THREAD__ // which would rightly call it a race
+// Numbers of shared memory have no lock: who looks must find the old one or the new one.
+TEST(LittleEndian, NobodySeesHalfOfANumber) {
+    alignas(4) static uint8_t shared[8];
+    static std::atomic<bool> done;
+    int halves = 0;
+    std::thread reader([&halves] {
+        while (!done) {
+            const uint16_t short_number = get_u16(shared);
+            const uint32_t number = get_u32(shared + 4);
+            halves += short_number != 0 && short_number != 0xFFFF ? 1 : 0;
+            halves += number != 0 && number != 0xFFFFFFFFU ? 1 : 0;
+            asm volatile("" ::: "memory"); // look again each time
+        }
+    });
+    for (uint32_t i = 0; i < 2000000; ++i) {
+        put_u16(shared, static_cast<uint16_t>(-(i & 1)));
+        put_u32(shared + 4, -(i & 1));
+        asm volatile("" ::: "memory"); // write each time
+    }
+    done = true;
+    reader.join();
+    EXPECT_EQ(halves, 0);
+}
+#endif
 
 static std::string word_of(const char *value, size_t size = 200) {
     std::string word(size, 'x');
