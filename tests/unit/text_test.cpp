@@ -67,26 +67,35 @@ TEST(LittleEndian, LowByteFirstAtAnyAddress) {
 
 #ifndef __SANITIZE_THREAD__ // which would rightly call it a race
 // Numbers of shared memory have no lock: who looks must find the old one or the new one.
+[[gnu::noipa]] static void write_both(uint8_t *at, uint32_t value) {
+    put_u16(at, static_cast<uint16_t>(value));
+    put_u32(at + 4, value);
+}
+
+[[gnu::noipa]] static bool is_half(const uint8_t *at) {
+    const uint16_t short_number = get_u16(at);
+    const uint32_t number = get_u32(at + 4);
+    return (short_number != 0 && short_number != 0xFFFF) || (number != 0 && number != 0xFFFFFFFFU);
+}
+
 TEST(LittleEndian, NobodySeesHalfOfANumber) {
-    alignas(4) static uint8_t shared[8];
+    alignas(8) static uint8_t shared[8];
+    static std::atomic<bool> writes;
     static std::atomic<bool> done;
-    int halves = 0;
-    std::thread reader([&halves] {
-        while (!done) {
-            const uint16_t short_number = get_u16(shared);
-            const uint32_t number = get_u32(shared + 4);
-            halves += short_number != 0 && short_number != 0xFFFF ? 1 : 0;
-            halves += number != 0 && number != 0xFFFFFFFFU ? 1 : 0;
-            asm volatile("" ::: "memory"); // look again each time
+    std::thread writer([] {
+        writes = true;
+        for (uint32_t i = 0; !done; ++i) {
+            write_both(shared, -(i & 1));
         }
     });
-    for (uint32_t i = 0; i < 2000000; ++i) {
-        put_u16(shared, static_cast<uint16_t>(-(i & 1)));
-        put_u32(shared + 4, -(i & 1));
-        asm volatile("" ::: "memory"); // write each time
+    while (!writes) {
+    }
+    int halves = 0;
+    for (int i = 0; i < 10000000; ++i) {
+        halves += is_half(shared) ? 1 : 0;
     }
     done = true;
-    reader.join();
+    writer.join();
     EXPECT_EQ(halves, 0);
 }
 #endif
