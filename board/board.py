@@ -8,6 +8,7 @@ files, Board.popen() runs programs on it. Needs root.
 import ctypes
 import os
 import re
+import shlex
 import signal
 import socket
 import subprocess
@@ -20,6 +21,8 @@ REPOSITORY = HERE.parent
 CLONE_NEWNET = 0x40000000
 STORAGE_MOUNT = re.compile("mount /dev/(mmcblk0p3 /mnt|sda[0-3] /media) -o noatime")
 PATH = "/sys/board/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
+# What runs a daemon that was built for another kind of processor: "qemu-arm -L FOLDER".
+EMULATOR = shlex.split(os.environ.get("QUILLORBEACON_EMULATOR", ""))
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
@@ -141,7 +144,8 @@ class Daemon:
         self.board = board
         self.error_file = Path(error_file)
         with open(self.error_file, "wb") as stream:
-            self.process = board.popen(*runner, binary, env=env, stdin=subprocess.DEVNULL,
+            self.process = board.popen(*runner, *EMULATOR, binary, env=env,
+                                       stdin=subprocess.DEVNULL,
                                        stdout=subprocess.DEVNULL, stderr=stream)
 
     def errors(self):

@@ -25,12 +25,13 @@ target_link_libraries(inih INTERFACE ${INIH_LIBRARY})
 
 # inih must take its limits from its global variables: a line of the configuration file may be
 # 10000 bytes long, and the library's own buffer is 200. A build that has them but ignores them
-# is caught by reading such a line; when cross-compiling only their presence can be checked.
+# is caught by reading such a line; where the probe cannot be run (cross-compiling without an
+# emulator) only their presence can be checked.
 if(NOT INIH_LIBRARY STREQUAL QUILLORBEACON_INIH_CHECKED)
     set(probe_args ${PROJECT_BINARY_DIR}/probe ${PROJECT_SOURCE_DIR}/cmake/inih_probe.cpp
         CMAKE_FLAGS "-DINCLUDE_DIRECTORIES=${INIH_INCLUDE_DIR}"
         LINK_LIBRARIES ${INIH_LIBRARY})
-    if(CMAKE_CROSSCOMPILING)
+    if(CMAKE_CROSSCOMPILING AND NOT CMAKE_CROSSCOMPILING_EMULATOR)
         try_compile(inih_compiled ${probe_args})
         set(inih_result 0)
     else()
