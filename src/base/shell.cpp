@@ -38,13 +38,15 @@ static void append(char *word, size_t size, size_t &used, const char *part) {
 }
 
 char *shell_word(char *word, size_t size, const char *value) {
+    // Judged and written must be the same text, even while another thread changes the setting.
+    const std::string copy = value;
     size_t used = 0;
-    if (is_plain_word(value)) {
-        append(word, size, used, value);
+    if (is_plain_word(copy.c_str())) {
+        append(word, size, used, copy.c_str());
         return word;
     }
     append(word, size, used, "'");
-    for (const char *p = value; *p != '\0'; ++p) {
+    for (const char *p = copy.c_str(); *p != '\0'; ++p) {
         const char one[2] = {*p, '\0'};
         append(word, size, used, *p == '\'' ? "'\\''" : one);
     }

@@ -11,7 +11,8 @@ void run_shell(const char *command);
 // takes as the value and nothing else. A plain value (letters, digits, and the characters
 // _ . , : / @ % + = - , and bytes above 127, bare or inside one pair of double quotes) stays as it
 // is, so does an empty one; any other is put in single quotes. A cut word keeps no open quote
-// that would swallow what follows: the shell refuses the whole line. Returns `word`.
+// that would swallow what follows: the shell refuses the whole line. `value` may change meanwhile,
+// as the settings do: what stands in the word is inert all the same. Returns `word`.
 char *shell_word(char *word, size_t size, const char *value);
 
 // Like shell_word, for a value that stands inside double quotes already: what the shell would

@@ -103,12 +103,14 @@ static bool find_mode_code(const std::string &line, std::string &code) {
 }
 
 std::string parse_mode_list(const std::string &text) {
-    std::string list = "[";
+    std::string list;
+    const char *separator = "";
     std::string code;
     for (const std::string &line : split(text, '\n')) {
         if (contains(line, "mode ") && find_mode_code(line, code)) {
-            list += (list.size() > 1 ? "," : "") + code;
+            list += separator + code;
+            separator = ",";
         }
     }
-    return list + "]";
+    return "[" + list + "]";
 }

@@ -62,16 +62,10 @@ static void claim_busy_flag() {
     }
 }
 
-static bool write_boot_file(const std::string &text) {
-    FILE *file = fopen(boot_file, "we");
-    if (file == nullptr) {
-        return false;
-    }
-    if (fwrite(text.data(), 1, text.size(), file) != text.size() || fflush(file) != 0) {
-        fprintf(stderr, "Config file %s could not be written\n", boot_file);
-    }
-    fclose(file);
-    return true;
+// Writes the text and closes the file; false when not all of it could be written.
+static bool write_boot_file(FILE *file, const std::string &text) {
+    const bool is_whole = fwrite(text.data(), 1, text.size(), file) == text.size();
+    return fclose(file) == 0 && is_whole;
 }
 
 static void make_run_time_copy() {
@@ -80,15 +74,28 @@ static void make_run_time_copy() {
     run_shell(command);
 }
 
+// A boot file that could not be written whole is not copied: the run-time copy of before then keeps
+// the settings through a restart, and the next save writes them all again.
+static void write_files(const std::string &text) {
+    run_shell("mount -o rw,remount /boot");
+    FILE *file = fopen(boot_file, "we");
+    if (file == nullptr) {
+        return;
+    }
+    const bool is_whole = write_boot_file(file, text);
+    run_shell("umount /boot");
+    run_shell("mount /boot");
+    if (is_whole) {
+        make_run_time_copy();
+    } else {
+        fprintf(stderr, "Config file %s could not be written\n", boot_file);
+    }
+}
+
 void save_config() {
     claim_busy_flag();
     fputs("Saving config\n", stderr);
     const std::string text = config_file_text(config_record());
-    run_shell("mount -o rw,remount /boot");
-    if (write_boot_file(text)) {
-        run_shell("umount /boot");
-        run_shell("mount /boot");
-        make_run_time_copy();
-    }
+    write_files(text);
     busy.store(false);
 }

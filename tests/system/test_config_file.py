@@ -208,6 +208,22 @@ def test_a_boot_file_that_cannot_be_opened(board, run):
     assert console.boot_file() == file_text(osd_enabled="1", osd_borders="3", make_preview="1")
 
 
+def test_a_full_boot_partition_leaves_the_run_time_copy_alone(board, run):
+    config = lines_of(ALL)
+    console = run(config)
+    board.run("/usr/bin/mount", "-t", "tmpfs", "-o", "size=4096", "memory", "/boot")
+    console.update("make_preview", "0")
+    assert console.commands == SAVE[:3]
+    assert console.errors == ["Saving config", f"Config file {BOOT_FILE} could not be written"]
+    assert len(console.boot_file()) == 4096
+    assert board.path(CONFIG).read_text() == config
+    # The change is kept, and the next save works.
+    board.run("/usr/bin/mount", "-o", "remount,size=100000", "/boot")
+    save(console)
+    assert console.commands == SAVE
+    assert console.boot_file() == file_text(**{**ALL, "make_preview": "0"})
+
+
 @pytest.fixture
 def two(board, run):
     """A client, and the data source: their commands are carried out on threads of their own."""

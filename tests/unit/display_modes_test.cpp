@@ -58,3 +58,7 @@ TEST(ModeList, UsesTheFirstModeOfALine) {
 TEST(ModeList, CopiesCodesAsTheyAre) {
     EXPECT_EQ(parse_mode_list("mode a:b:c x\n"), "[abc]");
 }
+
+TEST(ModeList, CountsAnEmptyCodeToo) {
+    EXPECT_EQ(parse_mode_list("mode  4: x\nmode 16: x\nmode  5: x\n"), "[,16,]");
+}

@@ -143,6 +143,28 @@ TEST(ShellWord, IsOneArgumentForTheShell) {
     }
 }
 
+#ifndef __SANITIZE_THREAD__ // it would rightly say that the text changes while it is read
+TEST(ShellWord, IsInertWhileItsValueChanges) {
+    // So long that its first character changes between two looks at the whole.
+    std::string value(20000, 'a');
+    std::atomic<bool> is_done = false;
+    std::thread writer([&] {
+        volatile char &first = value[0];
+        while (!is_done) {
+            first = first == 'a' ? '$' : 'a';
+        }
+    });
+    char start = 'a';
+    for (int i = 0; i < 400 && start != '$'; ++i) {
+        char word[3];
+        start = shell_word(word, sizeof word, value.c_str())[0];
+    }
+    is_done = true;
+    writer.join();
+    EXPECT_NE(start, '$');
+}
+#endif
+
 TEST(Ipv4, PacksHostAndPort) {
     char text[ipv4_text_size];
     const Ipv4Port address = ipv4_port("192.168.1.254", 65535);
