@@ -129,9 +129,8 @@ static void run_smooth(int number, const Movement &movement) {
     }
     // An error exactly at the threshold moves its axis although the movement has arrived; when
     // nothing goes on after that, nobody would stop it again.
-    if (runner.running != 0 || runner.current != no_movement) {
-        send_speeds(pass.speeds);
-    }
+    const bool goes_on = runner.running != 0 || runner.current != no_movement;
+    send_speeds(goes_on ? pass.speeds : GimbalValues{0.0, 0.0, 0.0});
     sleep_us(smooth_pass_us);
 }
 
