@@ -1,9 +1,7 @@
 #pragma once
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 // Copies `source` into `field` of `size` bytes, cut to size - 1 characters; the rest of the field
 // is left as it was behind the terminating zero.
@@ -36,18 +34,4 @@ constexpr uint16_t get_u16(const uint8_t *at) {
 
 constexpr uint32_t get_u32(const uint8_t *at) {
     return get_u16(at) | (static_cast<uint32_t>(get_u16(at + 2)) << 16);
-}
-
-// Doubles of shared memory, whose layouts are little-endian as all the boards are. Copied in one
-// go, so that another process does not see half of one.
-static_assert(std::endian::native == std::endian::little);
-
-inline void put_double(uint8_t *at, double value) {
-    std::memcpy(at, &value, sizeof value);
-}
-
-inline double get_double(const uint8_t *at) {
-    double value = 0.0;
-    std::memcpy(&value, at, sizeof value);
-    return value;
 }
