@@ -4,6 +4,7 @@
 #include "base/text.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -31,9 +32,10 @@ constexpr MovementField fields[field_count] = {
     {nullptr, &Movement::hold, 0.0},
 };
 
-// The table the runner plays: rebuilt by the thread that sets the list, read by the others.
+// The table the runner plays: rebuilt by the thread that sets the list, read by the others. The
+// count publishes the values: it is stored behind them and loaded before them.
 static struct {
-    Relaxed<int32_t> count;
+    std::atomic<int32_t> count;
     Relaxed<double> values[movement_capacity][field_count];
 } table;
 
@@ -102,16 +104,16 @@ void set_movement_list(const char *text) {
     MovementList list;
     std::string report;
     parse_movements(text, list, report);
-    table.count = 0;
+    table.count.store(0, std::memory_order_relaxed);
     for (int i = 0; i < movement_capacity; ++i) {
         store_movement(i, list.movements[i]);
     }
-    table.count = list.count;
+    table.count.store(list.count, std::memory_order_release);
     fprintf(stderr, "Added %d movements:\n%s\n", list.count, report.c_str());
 }
 
 int movement_count() {
-    return table.count;
+    return table.count.load(std::memory_order_acquire);
 }
 
 Movement movement_at(int index) {

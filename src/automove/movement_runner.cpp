@@ -6,7 +6,6 @@
 #include "base/pause.h"
 #include "base/relaxed.h"
 #include "base/shared_memory.h"
-#include "base/text.h"
 #include "config/config.h"
 #include "media/data_source.h"
 #include "rc/rc_block.h"
@@ -48,7 +47,7 @@ static void stop_steering() {
 }
 
 static double tenths_at(const uint8_t *field) {
-    return static_cast<int16_t>(get_u16(field)) * 0.1;
+    return static_cast<int16_t>(load_whole<uint16_t>(field)) * 0.1;
 }
 
 static CameraAngles camera_angles() {
@@ -129,9 +128,8 @@ static void run_smooth(int number, const Movement &movement) {
     }
     // An error exactly at the threshold moves its axis although the movement has arrived; when
     // nothing goes on after that, nobody would stop it again.
-    if (runner.running != 0 || runner.current != no_movement) {
-        send_speeds(pass.speeds);
-    }
+    const bool goes_on = runner.running != 0 || runner.current != no_movement;
+    send_speeds(goes_on ? pass.speeds : GimbalValues{0.0, 0.0, 0.0});
     sleep_us(smooth_pass_us);
 }
 

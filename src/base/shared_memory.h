@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 
@@ -16,3 +17,20 @@ bool shared_memory_exists(const char *name);
 // Returns the address, or null after one line on standard error. Any thread; the mapping belongs
 // to the caller and lives as long as the process.
 uint8_t *map_shared_memory(const char *name, size_t size, uint8_t *at);
+
+// Numbers of shared memory, little-endian as all the boards are, at addresses that are multiples of
+// their size. Each is loaded and stored in one go, so that another process never sees half of one:
+// put_u16 and the like are free to go byte by byte, and on 32-bit boards do. Any thread.
+static_assert(std::endian::native == std::endian::little);
+
+template <typename T>
+T load_whole(const uint8_t *at) {
+    T value{};
+    __atomic_load(static_cast<const T *>(static_cast<const void *>(at)), &value, __ATOMIC_RELAXED);
+    return value;
+}
+
+template <typename T>
+void store_whole(uint8_t *at, T value) {
+    __atomic_store(static_cast<T *>(static_cast<void *>(at)), &value, __ATOMIC_RELAXED);
+}

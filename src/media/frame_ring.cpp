@@ -15,9 +15,9 @@ void prepare_frame_ring(FrameRing &ring) {
 }
 
 TakenFrame take_frame(uint8_t *base, uint32_t frame_capacity, FrameIdentifier &last) {
-    const uint16_t index = get_u16(base + ring_read_index_at);
+    const uint16_t index = load_whole<uint16_t>(base + ring_read_index_at);
     if (index >= ring_slot_count) {
-        put_u16(base + ring_read_index_at, 0);
+        store_whole<uint16_t>(base + ring_read_index_at, 0);
         return {TakeResult::bad_index, nullptr, index};
     }
     uint8_t *slot = base + ring_header_size + index * slot_size(frame_capacity);
@@ -32,7 +32,7 @@ TakenFrame take_frame(uint8_t *base, uint32_t frame_capacity, FrameIdentifier &l
     }
     const FrameIdentifier identifier{get_u16(slot + slot_identifier_at),
                                      slot[slot_identifier_byte_at]};
-    put_u16(base + ring_read_index_at, static_cast<uint16_t>((index + 1) % ring_slot_count));
+    store_whole(base + ring_read_index_at, static_cast<uint16_t>((index + 1) % ring_slot_count));
     ready.store(0, std::memory_order_release);
     if (length > frame_capacity) {
         return {TakeResult::bad_length, nullptr, length};

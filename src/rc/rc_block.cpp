@@ -11,6 +11,7 @@
 #include <cjson/cJSON.h>
 #include <cstdio>
 #include <cstring>
+#include <initializer_list>
 
 // The mapping; set once, by whoever comes first: start-up or the RC loop.
 static std::atomic<uint8_t *> mapped_block;
@@ -47,14 +48,14 @@ uint8_t *rc_channel(uint8_t *block, int index) {
 void clear_rc_calibration(uint8_t *block) {
     for (int i = 0; i < rc_channel_count; ++i) {
         uint8_t *channel = rc_channel(block, i);
-        put_u16(channel + channel_min_at, 0);
-        put_u16(channel + channel_max_at, 0);
-        put_u16(channel + channel_center_at, 0);
+        store_whole<uint16_t>(channel + channel_min_at, 0);
+        store_whole<uint16_t>(channel + channel_max_at, 0);
+        store_whole<uint16_t>(channel + channel_center_at, 0);
         channel[channel_invert_at] = 0;
-        put_double(channel + channel_value_at, 0.0);
+        store_whole(channel + channel_value_at, 0.0);
         channel[channel_function_at] = 0;
-        put_u16(channel + channel_dead_band_at, 0);
-        put_u16(channel + channel_limit_at, 0);
+        store_whole<uint16_t>(channel + channel_dead_band_at, 0);
+        store_whole<uint16_t>(channel + channel_limit_at, 0);
         channel[channel_enable_at] = 0;
     }
     memset(block + rc_values_at, 0, rc_function_count * sizeof(double));
@@ -83,7 +84,7 @@ static void load_channel(uint8_t *channel, const cJSON *element) {
         if (field.is_byte) {
             channel[field.offset] = static_cast<uint8_t>(item->valueint);
         } else {
-            put_u16(channel + field.offset, static_cast<uint16_t>(item->valueint));
+            store_whole<uint16_t>(channel + field.offset, static_cast<uint16_t>(item->valueint));
         }
     }
 }
@@ -124,11 +125,13 @@ static std::string live_channel(const uint8_t *channel, int /*number*/) {
     snprintf(
         text, sizeof text,
         R"({"raw":%d,"min":%d,"max":%d,"c":%d,"i":%d,"val":%1.3f,"d":%d,"e":%d,"l":%d,"f":%d})",
-        get_u16(channel + channel_raw_at), get_u16(channel + channel_min_at),
-        get_u16(channel + channel_max_at), get_u16(channel + channel_center_at),
-        channel[channel_invert_at], get_double(channel + channel_value_at),
-        get_u16(channel + channel_dead_band_at), channel[channel_enable_at],
-        get_u16(channel + channel_limit_at), channel[channel_function_at]);
+        load_whole<uint16_t>(channel + channel_raw_at),
+        load_whole<uint16_t>(channel + channel_min_at),
+        load_whole<uint16_t>(channel + channel_max_at),
+        load_whole<uint16_t>(channel + channel_center_at), channel[channel_invert_at],
+        load_whole<double>(channel + channel_value_at),
+        load_whole<uint16_t>(channel + channel_dead_band_at), channel[channel_enable_at],
+        load_whole<uint16_t>(channel + channel_limit_at), channel[channel_function_at]);
     return text;
 }
 
@@ -140,10 +143,11 @@ static std::string stored_channel(const uint8_t *channel, int number) {
     char text[200];
     snprintf(text, sizeof text,
              R"({"ch":%d,"min":%d,"max":%d,"c":%d,"i":%d,"e":%d,"d":%d,"l":%d,"f":%d})", number,
-             get_u16(channel + channel_min_at), get_u16(channel + channel_max_at),
-             get_u16(channel + channel_center_at), channel[channel_invert_at],
-             channel[channel_enable_at], get_u16(channel + channel_dead_band_at),
-             get_u16(channel + channel_limit_at), channel[channel_function_at]);
+             load_whole<uint16_t>(channel + channel_min_at),
+             load_whole<uint16_t>(channel + channel_max_at),
+             load_whole<uint16_t>(channel + channel_center_at), channel[channel_invert_at],
+             channel[channel_enable_at], load_whole<uint16_t>(channel + channel_dead_band_at),
+             load_whole<uint16_t>(channel + channel_limit_at), channel[channel_function_at]);
     return text;
 }
 
@@ -175,14 +179,17 @@ static void set_state_byte(int receiver, RcState state) {
     }
 }
 
-// Copies each channel's raw value into one of its calibrated fields.
-static void take_raw_values(int receiver, size_t field_at) {
+// Copies each channel's raw value, as it is at one moment, into calibrated fields.
+static void take_raw_values(int receiver, std::initializer_list<size_t> fields) {
     if (!is_receiver(receiver) || rc_block() == nullptr) {
         return;
     }
     for (int i = 0; i < rc_channels_per_receiver; ++i) {
         uint8_t *channel = rc_channel(rc_block(), receiver * rc_channels_per_receiver + i);
-        put_u16(channel + field_at, get_u16(channel + channel_raw_at));
+        const auto raw = load_whole<uint16_t>(channel + channel_raw_at);
+        for (const size_t field_at : fields) {
+            store_whole(channel + field_at, raw);
+        }
     }
 }
 
@@ -194,9 +201,7 @@ void set_rc_state(int receiver, int state) {
     case 2:
         fprintf(stderr, "RC%d begin calibration min/max\n", number);
         set_state_byte(receiver, rc_calibrating);
-        take_raw_values(receiver, channel_min_at);
-        take_raw_values(receiver, channel_max_at);
-        take_raw_values(receiver, channel_center_at);
+        take_raw_values(receiver, {channel_min_at, channel_max_at, channel_center_at});
         break;
     case 3:
         fprintf(stderr, "RC%d finish calibration min/max\n", number);
@@ -205,7 +210,7 @@ void set_rc_state(int receiver, int state) {
         break;
     case 4:
         fprintf(stderr, "RC%d calibration center\n", number);
-        take_raw_values(receiver, channel_center_at);
+        take_raw_values(receiver, {channel_center_at});
         save_rc_channels();
         set_state_byte(receiver, rc_present);
         break;

@@ -1,6 +1,6 @@
 #include "rc/rc_pass.h"
 
-#include "base/text.h"
+#include "base/shared_memory.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -24,8 +24,8 @@ static void lose_receiver(uint8_t *block, int receiver) {
     fprintf(stderr, "RC%d lost\n", receiver + 1);
     for (int i = 0; i < rc_channels_per_receiver; ++i) {
         uint8_t *channel = rc_channel(block, receiver * rc_channels_per_receiver + i);
-        put_u16(channel + channel_raw_at, 0);
-        put_double(channel + channel_value_at, 0.0);
+        store_whole<uint16_t>(channel + channel_raw_at, 0);
+        store_whole(channel + channel_value_at, 0.0);
     }
 }
 
@@ -35,7 +35,7 @@ static void watch_receiver(uint8_t *block, int receiver, const char *channels, u
     uint8_t *state_byte = block + rc_state_at + receiver;
     uint8_t *update_field = block + rc_update_at + receiver * 4;
     // Read before the clock: an update in between must not look 49 days old.
-    uint32_t update_time = get_u32(update_field);
+    uint32_t update_time = load_whole<uint32_t>(update_field);
     const uint32_t now = clock();
     if (update_time != 0 && !present) {
         *state_byte = rc_present;
@@ -45,7 +45,7 @@ static void watch_receiver(uint8_t *block, int receiver, const char *channels, u
     }
     if (update_time != 0 && now - update_time >= stale_ms) {
         update_time = 0;
-        put_u32(update_field, 0);
+        store_whole<uint32_t>(update_field, 0);
     }
     if (update_time == 0 && present) {
         *state_byte = rc_absent;
@@ -58,13 +58,18 @@ static void watch_receiver(uint8_t *block, int receiver, const char *channels, u
 }
 
 static void widen_calibration(uint8_t *channel, uint16_t raw) {
-    uint16_t min = get_u16(channel + channel_min_at);
-    uint16_t max = get_u16(channel + channel_max_at);
-    min = min == 0 || raw < min ? raw : min;
-    max = max == 0 || raw > max ? raw : max;
-    put_u16(channel + channel_min_at, min);
-    put_u16(channel + channel_max_at, max);
-    put_u16(channel + channel_center_at, static_cast<uint16_t>((max - min) / 2 + min));
+    uint16_t min = load_whole<uint16_t>(channel + channel_min_at);
+    uint16_t max = load_whole<uint16_t>(channel + channel_max_at);
+    // Written only when they change: a client may begin the calibration anew in between.
+    if (min == 0 || raw < min) {
+        min = raw;
+        store_whole<uint16_t>(channel + channel_min_at, min);
+    }
+    if (max == 0 || raw > max) {
+        max = raw;
+        store_whole<uint16_t>(channel + channel_max_at, max);
+    }
+    store_whole(channel + channel_center_at, static_cast<uint16_t>((max - min) / 2 + min));
 }
 
 static double ratio(int numerator, int denominator) {
@@ -73,29 +78,31 @@ static double ratio(int numerator, int denominator) {
 
 // How far the stick is out of its dead band, as a part of its way to the end.
 static double deflection(const uint8_t *channel, uint16_t raw) {
-    const int center = get_u16(channel + channel_center_at);
-    const int dead_band = get_u16(channel + channel_dead_band_at);
+    const int center = load_whole<uint16_t>(channel + channel_center_at);
+    const int dead_band = load_whole<uint16_t>(channel + channel_dead_band_at);
     const int delta = raw - center;
     if (delta < -dead_band) {
-        return ratio(dead_band + delta, center - (get_u16(channel + channel_min_at) + dead_band));
+        return ratio(dead_band + delta,
+                     center - (load_whole<uint16_t>(channel + channel_min_at) + dead_band));
     }
     if (delta > dead_band) {
-        return ratio(delta - dead_band, get_u16(channel + channel_max_at) - center - dead_band);
+        return ratio(delta - dead_band,
+                     load_whole<uint16_t>(channel + channel_max_at) - center - dead_band);
     }
     return 0.0;
 }
 
 static double scale_to_limit(uint8_t *channel, double value) {
-    const uint16_t limit = get_u16(channel + channel_limit_at);
+    const uint16_t limit = load_whole<uint16_t>(channel + channel_limit_at);
     if (limit >= 1 && limit <= 100) {
         return value * limit * 0.01;
     }
-    put_u16(channel + channel_limit_at, 100);
+    store_whole<uint16_t>(channel + channel_limit_at, 100);
     return value;
 }
 
 static void evaluate_channel(uint8_t *channel, bool is_calibrating, FunctionValues &functions) {
-    const uint16_t raw = get_u16(channel + channel_raw_at);
+    const uint16_t raw = load_whole<uint16_t>(channel + channel_raw_at);
     const int function = channel[channel_function_at];
     const bool is_known = function < rc_function_count;
     if (is_calibrating) {
@@ -112,7 +119,7 @@ static void evaluate_channel(uint8_t *channel, bool is_calibrating, FunctionValu
         value = -value;
     }
     value = std::clamp(scale_to_limit(channel, value), -1.0, 1.0);
-    put_double(channel + channel_value_at, value);
+    store_whole(channel + channel_value_at, value);
     if (is_known && function != function_none) {
         functions.sum[function] += value;
     }
@@ -124,7 +131,7 @@ static void evaluate_channels(uint8_t *block, FunctionValues &functions) {
         evaluate_channel(rc_channel(block, i), state == rc_calibrating, functions);
     }
     for (int i = 0; i < rc_function_count; ++i) {
-        put_u16(block + rc_raw_values_at + i * 2, functions.raw[i]);
+        store_whole<uint16_t>(block + rc_raw_values_at + i * 2, functions.raw[i]);
     }
 }
 
@@ -134,7 +141,7 @@ static void add_menu_code(RcEvents &events, MenuCode code) {
 
 // The value that the pass before published.
 static double published_value(const uint8_t *block, int function) {
-    return get_double(block + rc_values_at + function * sizeof(double));
+    return load_whole<double>(block + rc_values_at + function * sizeof(double));
 }
 
 static void watch_menu_switch(const uint8_t *block, RcLoopState &state, RcEvents &events) {
@@ -215,8 +222,8 @@ static void smooth_gimbal(const ConfigRecord &config, const GimbalValues &app,
 
 static void publish(uint8_t *block, const FunctionValues &functions) {
     for (int i = 0; i < rc_function_count; ++i) {
-        put_double(block + rc_values_at + i * sizeof(double),
-                   std::clamp(functions.sum[i], -1.0, 1.0));
+        store_whole(block + rc_values_at + i * sizeof(double),
+                    std::clamp(functions.sum[i], -1.0, 1.0));
     }
 }
 

@@ -647,6 +647,17 @@ TEST(IkcpProbe, WaitsLongerEachTimeAndStartsAnew) {
     }
 }
 
+TEST(IkcpProbe, LeavesWithAnAnswerThatIsDue) {
+    Block block;
+    EXPECT_EQ(0, block.input(Wire{.cmd = 84, .wnd = 0}));
+    EXPECT_TRUE(block.flush_at(0).empty());
+    EXPECT_EQ(0, block.input(Wire{.cmd = 83, .wnd = 0}));
+    const std::vector<Wire> wires = block.flush_at(7000);
+    ASSERT_EQ(2U, wires.size());
+    EXPECT_EQ(83U, wires[0].cmd);
+    EXPECT_EQ(84U, wires[1].cmd);
+}
+
 TEST(IkcpFastResend, CountsOncePerDatagramBelowTheHighestAck) {
     for (const uint32_t start : {0U, 0xFFFFFFFDU, 0x7FFFFFFDU}) {
         Block block;

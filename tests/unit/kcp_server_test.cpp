@@ -2,11 +2,13 @@
 #include "transfer/kcp_server.h"
 
 #include "base/ipv4.h"
+#include "base/text.h"
 #include "transfer/transfer_lock.h"
 
 #include <ctime>
 #include <gtest/gtest.h>
 #include <ikcp.h>
+#include <map>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
@@ -121,4 +123,37 @@ TEST_F(KcpServer, CarriesBytesBothWays) {
     ASSERT_EQ(kcp_server_send("end", 3), 0);
     ASSERT_TRUE(turn_until([&] { return received_.size() >= before + 3; }));
     EXPECT_EQ(received_.substr(before), "end");
+}
+
+// The peer acknowledges nothing, so all that comes is the first flight. Its size shows the windows
+// without congestion control, its headers stream mode, and its datagrams the mtu.
+TEST_F(KcpServer, SendsAWholeWindowOfFullSegmentsAtOnce) {
+    constexpr size_t data_per_segment = 1376;
+    constexpr size_t segments = 30;
+    const std::string greeting = std::string("\1\x55\0\0\x54\0\x80\0", 8) + std::string(16, '\0');
+    ASSERT_EQ(send(socket_, greeting.data(), greeting.size(), 0), 24);
+    const std::string sent(segments * data_per_segment - 100, 'x');
+    // In two pieces that end within a segment.
+    ASSERT_EQ(kcp_server_send(sent.data(), 2000), 0);
+    ASSERT_EQ(kcp_server_send(sent.data(), static_cast<int>(sent.size() - 2000)), 0);
+    std::map<uint32_t, size_t> lengths; // by sn
+    pollfd wanted{socket_, POLLIN, 0};
+    while (lengths.size() < segments && poll(&wanted, 1, 5000) == 1) {
+        uint8_t datagram[65536];
+        const ssize_t length = recv(socket_, datagram, sizeof datagram, 0);
+        ASSERT_GE(length, 24);
+        if (length < 100) {
+            continue; // a repetition of what another peer left unacknowledged
+        }
+        EXPECT_EQ(datagram[ikcp_offset_cmd], ikcp_cmd_push);
+        EXPECT_EQ(datagram[ikcp_offset_frg], 0);
+        lengths[get_u32(datagram + ikcp_offset_sn)] = static_cast<size_t>(length);
+    }
+    ASSERT_EQ(lengths.size(), segments);
+    size_t data = 0;
+    for (const auto &[sn, length] : lengths) {
+        EXPECT_EQ(length, sn == lengths.rbegin()->first ? 1300U : 1400U);
+        data += length - ikcp_header_size;
+    }
+    EXPECT_EQ(data, sent.size());
 }

@@ -1,5 +1,6 @@
 #include "rc/rc_block.h"
 
+#include "base/shared_memory.h"
 #include "base/text.h"
 #include "rc/rc_block_layout.h"
 #include "rc/smoothing.h"
@@ -180,7 +181,7 @@ static void fill_channel(uint8_t *channel, uint16_t base) {
     put_u16(channel + channel_dead_band_at, static_cast<uint16_t>(base + 6));
     put_u16(channel + channel_limit_at, static_cast<uint16_t>(base + 7));
     channel[channel_function_at] = static_cast<uint8_t>(base + 8);
-    put_double(channel + channel_value_at, base % 2 == 0 ? 0.5 : -0.0626);
+    store_whole(channel + channel_value_at, base % 2 == 0 ? 0.5 : -0.0626);
 }
 
 // A block whose channel with index i has fields that begin at 1000 + 31 * i.
@@ -240,7 +241,7 @@ TEST(RcChannelTexts, AnEmptyBlock) {
 TEST(RcChannelTexts, TheLongestChannelsAreWhole) {
     Bytes bytes(rc_block_size, 0xFF);
     for (int i = 0; i < rc_channel_count; ++i) {
-        put_double(rc_channel(bytes.data(), i) + channel_value_at, -1.7e308);
+        store_whole(rc_channel(bytes.data(), i) + channel_value_at, -1.7e308);
     }
     const std::string live = rc_channels_json(bytes.data(), 0);
     const std::string end = R"(.000,"d":65535,"e":255,"l":65535,"f":255}])";
@@ -258,7 +259,7 @@ TEST(RcChannelTexts, WhatIsStoredLoadsAgain) {
     }
     for (int i = 0; i < rc_channel_count; ++i) {
         put_u16(rc_channel(other.data(), i), static_cast<uint16_t>(1000 + 31 * i));
-        put_double(rc_channel(other.data(), i) + channel_value_at, i % 2 == 0 ? 0.5 : -0.0626);
+        store_whole(rc_channel(other.data(), i) + channel_value_at, i % 2 == 0 ? 0.5 : -0.0626);
     }
     EXPECT_EQ(other, bytes);
 }

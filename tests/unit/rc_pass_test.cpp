@@ -1,8 +1,10 @@
 #include "rc/rc_pass.h"
 
+#include "base/shared_memory.h"
 #include "base/text.h"
 
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -10,6 +12,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 using Bytes = std::vector<uint8_t>;
@@ -66,10 +69,10 @@ protected:
         return get_u32(block() + 4 + receiver * 4);
     }
     double value(int index) {
-        return get_double(channel(index) + 16);
+        return load_whole<double>(channel(index) + 16);
     }
     double published(int function) {
-        return get_double(block() + 1040 + function * 8);
+        return load_whole<double>(block() + 1040 + function * 8);
     }
     unsigned published_raw(int function) {
         return get_u16(block() + 1408 + function * 2);
@@ -360,7 +363,7 @@ TEST_F(RcPass, TheLimitScalesBeforeTheClamp) {
 
 TEST_F(RcPass, AChannelWithoutSignalKeepsItsValue) {
     assign(0, {.function = 7, .limit = 0});
-    put_double(channel(0) + 16, 0.375);
+    store_whole(channel(0) + 16, 0.375);
     run();
     EXPECT_EQ(value(0), 0.375);
     EXPECT_EQ(get_u16(channel(0) + 28), 0) << "it is not looked at";
@@ -377,7 +380,7 @@ TEST_F(RcPass, AWayOfNoLengthGives0) {
     set_raw(2, 1800);
     set_raw(3, 1200);
     for (int i = 0; i < 4; ++i) {
-        put_double(channel(i) + 16, 0.25);
+        store_whole(channel(i) + 16, 0.25);
     }
     run();
     for (int i = 0; i < 4; ++i) {
@@ -463,7 +466,7 @@ TEST_F(RcPass, FunctionsThatDoNotExistAreOnlyEvaluated) {
     for (const int function : {46, 47, 100, 255}) {
         assign(0, {.function = function});
         set_raw(0, 1750);
-        put_double(channel(0) + 16, 0.0);
+        store_whole(channel(0) + 16, 0.0);
         run();
         EXPECT_DOUBLE_EQ(value(0), 0.5);
         for (int f = 0; f < 46; ++f) {
@@ -991,7 +994,7 @@ TEST_F(RcPass, ValuesAreThoseOfTheModel) {
             raw_values[at] = between(0, 9) != 0 ? raw : 0;
             assign(i, a);
             set_raw(i, raw_values[at]);
-            put_double(channel(i) + 16, 0.5);
+            store_whole(channel(i) + 16, 0.5);
             raws[static_cast<size_t>(a.function)] = static_cast<unsigned>(raw_values[at]);
             if (raw_values[at] != 0 && a.function != 0) {
                 sums[static_cast<size_t>(a.function)] += model_value(raw_values[at], a);
@@ -1031,9 +1034,9 @@ TEST_F(RcPass, NothingEverBecomesNotANumber) {
             }
             break;
         case 1: // a published value, a channel's value: no number at all
-            put_double(block() + 1040 + random() % 46 * 8, std::nan(""));
-            put_double(channel(static_cast<int>(random() % 32)) + 16,
-                       std::numeric_limits<double>::infinity());
+            store_whole(block() + 1040 + random() % 46 * 8, std::nan(""));
+            store_whole(channel(static_cast<int>(random() % 32)) + 16,
+                        std::numeric_limits<double>::infinity());
             break;
         default: // known functions, so that they meet
             for (int i = 0; i < 32; ++i) {
@@ -1058,4 +1061,33 @@ TEST_F(RcPass, NothingEverBecomesNotANumber) {
         }
     }
     ::testing::internal::GetCapturedStderr();
+}
+
+// The block belongs to several processes. Here a thread is the reader process, whose numbers have
+// both bytes changed each time, and a program that looks at what is published. Halves are rarely
+// caught in the act; the thread sanitizer sees every access that could make one.
+TEST_F(RcPass, NumbersOfTheBlockAreReadAndWrittenWhole) {
+    constexpr uint16_t first = 0x01FE;
+    constexpr uint16_t second = 0xFE01;
+    const auto is_half = [](unsigned number) {
+        return number != 0 && number != first && number != second;
+    };
+    assign(0, {.function = 7});
+    std::atomic<bool> is_done{false};
+    int seen_half = 0;
+    std::thread other([&] {
+        for (bool is_first = true; !is_done; is_first = !is_first) {
+            store_whole(channel(0), is_first ? first : second);
+            seen_half += is_half(load_whole<uint16_t>(block() + 1408 + 7 * 2)) ? 1 : 0;
+        }
+    });
+    int read_half = 0;
+    for (int round = 0; round < 20000; ++round) {
+        run();
+        read_half += is_half(published_raw(7)) ? 1 : 0;
+    }
+    is_done = true;
+    other.join();
+    EXPECT_EQ(read_half, 0);
+    EXPECT_EQ(seen_half, 0);
 }

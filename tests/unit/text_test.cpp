@@ -65,41 +65,6 @@ TEST(LittleEndian, LowByteFirstAtAnyAddress) {
     EXPECT_EQ(get_u32(bytes.data()), 0xFFFFFFFFU);
 }
 
-#ifndef __SANITIZE_THREAD__ // which would rightly call it a race
-// Numbers of shared memory have no lock: who looks must find the old one or the new one.
-[[gnu::noipa]] static void write_both(uint8_t *at, uint32_t value) {
-    put_u16(at, static_cast<uint16_t>(value));
-    put_u32(at + 4, value);
-}
-
-[[gnu::noipa]] static bool is_half(const uint8_t *at) {
-    const uint16_t short_number = get_u16(at);
-    const uint32_t number = get_u32(at + 4);
-    return (short_number != 0 && short_number != 0xFFFF) || (number != 0 && number != 0xFFFFFFFFU);
-}
-
-TEST(LittleEndian, NobodySeesHalfOfANumber) {
-    alignas(8) static uint8_t shared[8];
-    static std::atomic<bool> writes;
-    static std::atomic<bool> done;
-    std::thread writer([] {
-        writes = true;
-        for (uint32_t i = 0; !done; ++i) {
-            write_both(shared, -(i & 1));
-        }
-    });
-    while (!writes) {
-    }
-    int halves = 0;
-    for (int i = 0; i < 10000000; ++i) {
-        halves += is_half(shared) ? 1 : 0;
-    }
-    done = true;
-    writer.join();
-    EXPECT_EQ(halves, 0);
-}
-#endif
-
 static std::string word_of(const char *value, size_t size = 200) {
     std::string word(size, 'x');
     return shell_word(word.data(), size, value);

@@ -1,0 +1,47 @@
+// Single smooth movements, one pass per call: the movement thread is not started, and without a
+// shared camera state the camera looks straight ahead.
+
+#include "automove/movement_list.h"
+#include "automove/movement_runner.h"
+#include "config/config.h"
+#include "rc/rc_block.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+class SmoothRunner : public ::testing::Test {
+protected:
+    void SetUp() override {
+        set_app_gimbal_values(0.0, 0.0, 0.0);
+        config_record().automove_smooth = 1;
+        config_record().automove_smooth_speed = 6;
+        // Far to the left, straight ahead, and so near that it has arrived but for the last step.
+        set_movement_list("90,0,0,,,,,0,0,;0,0,0,,,,,0,0,;5,0,0,,,,,0,0,");
+    }
+    void TearDown() override {
+        set_movement_list("");
+        config_record().automove_smooth = 0;
+        config_record().automove_smooth_speed = 0;
+        set_app_gimbal_values(0.0, 0.0, 0.0);
+    }
+};
+
+constexpr int far = 0;
+constexpr int ahead = 1;
+constexpr int near = 2;
+
+double pan_after(int movement) {
+    run_movement(movement);
+    return app_gimbal_values().pan;
+}
+
+} // namespace
+
+TEST_F(SmoothRunner, AMovementAfterOneThatEndedMovesAtOnce) {
+    EXPECT_EQ(pan_after(far), -0.5);
+    EXPECT_EQ(pan_after(ahead), 0.0);
+    EXPECT_EQ(pan_after(far), -0.5);
+    EXPECT_EQ(pan_after(near), 0.0);
+    EXPECT_EQ(pan_after(far), -0.5);
+}
