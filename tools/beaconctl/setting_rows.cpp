@@ -199,8 +199,9 @@ std::string usage_line(const SettingRow &row) {
     line += row.sub == nullptr ? "" : std::string(" ") + row.sub;
     const size_t needed = row.fields.size() - row.optional;
     for (size_t i = 0; i < row.fields.size(); ++i) {
-        const std::string key = row.fields[i].key;
-        line += i < needed ? " " + key : " [" + key + "]";
+        const bool is_flag = row.fields[i].type == SettingType::flag;
+        const std::string field = std::string(row.fields[i].key) + (is_flag ? ":0|1" : "");
+        line += i < needed ? " <" + field + ">" : " [" + field + "]";
     }
     return line;
 }
@@ -272,8 +273,9 @@ static GivenValues read_in_order(const SettingRow &row, std::span<const std::str
 }
 
 GivenValues read_values(const SettingRow &row, std::span<const std::string> words) {
-    const bool is_named =
-        !words.empty() && named_value(row, words[0]).first < row.fields.size();
+    const bool is_named = std::any_of(words.begin(), words.end(), [&](const std::string &word) {
+        return named_value(row, word).first < row.fields.size();
+    });
     GivenValues given = is_named ? read_named(row, words) : read_in_order(row, words);
     for (size_t i = 0; given.error.empty() && i < given.values.size(); ++i) {
         auto &value = given.values[i];

@@ -41,7 +41,7 @@ std::span<const char *const> section_names();
 // there is one). Null and 0 when they name none.
 std::pair<const SettingRow *, size_t> find_setting_row(std::span<const std::string> words);
 
-// "display hflip display_hflip": how the row is used.
+// "display hflip <display_hflip:0|1>": how the row is used.
 std::string usage_line(const SettingRow &row);
 
 // The values that the words give, one for each field; nothing for a field that is to keep its

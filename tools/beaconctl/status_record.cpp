@@ -126,7 +126,7 @@ static std::string links_text(const StatusRecord &record) {
 }
 
 static std::string sources_text(const StatusRecord &record) {
-    return list_of({{record.data_source, "telemetry"}, {record.video, "video"}}, "nothing comes");
+    return list_of({{record.data_source, "telemetry"}, {record.video, "video"}}, "none");
 }
 
 static std::string services_text(const StatusRecord &record) {
@@ -182,7 +182,7 @@ static std::string version_text(const StatusRecord &record) {
 StatusWords status_words(const StatusRecord &record) {
     return {
         {"Camera", app_type_text(record.app_type)},
-        {"Coming in", sources_text(record)},
+        {"Sources", sources_text(record)},
         {"Storage", storage_text(record)},
         {"Links", links_text(record)},
         {"Services", services_text(record)},
@@ -195,7 +195,7 @@ StatusWords status_words(const StatusRecord &record) {
 }
 
 std::string status_line(const StatusRecord &record) {
-    return "in: " + sources_text(record) + "; storage: " + storage_text(record) +
+    return "sources: " + sources_text(record) + "; storage: " + storage_text(record) +
            "; links: " + links_text(record) + "; services: " + services_text(record) + "; " +
            std::to_string(record.temperature) + " °C; RC: " + rc_text(record) +
            "; movement: " + movement_text(record) +
