@@ -88,9 +88,8 @@ static CheckedCommand check_json(std::string_view text) {
 }
 
 CheckedCommand check_command(std::string_view text) {
-    CheckedCommand checked = !text.empty() && text[0] == '!'
-                                 ? CheckedCommand{std::string(text), ""}
-                                 : check_json(text);
+    CheckedCommand checked =
+        !text.empty() && text[0] == '!' ? CheckedCommand{std::string(text), ""} : check_json(text);
     // The daemon reads a larger one in part only.
     if (checked.text.size() >= largest_client_payload) {
         return refuse(too_long());

@@ -142,9 +142,8 @@ static void add_gimbal(CLI::App &app, Words &words) {
                                       std::pair{"ROLL", &words.roll}}) {
         command->add_option(name, *value, "-1 to 1")->required()->check(CLI::Range(-1.0, 1.0));
     }
-    command->callback([&] {
-        words.exit_code = turn_gimbal(words.target, words.pan, words.tilt, words.roll);
-    });
+    command->callback(
+        [&] { words.exit_code = turn_gimbal(words.target, words.pan, words.tilt, words.roll); });
 }
 
 static void add_raw(CLI::App &app, Words &words) {

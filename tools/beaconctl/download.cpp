@@ -138,8 +138,7 @@ static Step take_verdict(Download &download, PieceVerdict verdict, bool is_probe
     switch (verdict) {
     case PieceVerdict::taken:
     case PieceVerdict::complete: {
-        const int code =
-            is_probe ? begin_pieces(download) : write_piece(download, offset, data);
+        const int code = is_probe ? begin_pieces(download) : write_piece(download, offset, data);
         return {code, code != exit_ok || verdict == PieceVerdict::complete};
     }
     case PieceVerdict::missing:

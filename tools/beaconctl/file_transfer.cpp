@@ -19,10 +19,8 @@ std::optional<FilePiece> parse_piece(const PacketView &packet) {
 }
 
 std::string piece_request(const std::string &path, uint32_t offset) {
-    const nlohmann::ordered_json command = {{"cmd", "file"},
-                                            {"param", "get"},
-                                            {"value", path},
-                                            {"value2", std::to_string(offset)}};
+    const nlohmann::ordered_json command = {
+        {"cmd", "file"}, {"param", "get"}, {"value", path}, {"value2", std::to_string(offset)}};
     return command.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 

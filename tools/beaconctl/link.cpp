@@ -38,8 +38,8 @@ bool stop_requested() {
 }
 
 TimePoint after(double seconds) {
-    return Clock::now() + std::chrono::duration_cast<Clock::duration>(
-                              std::chrono::duration<double>(seconds));
+    return Clock::now() +
+           std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
 }
 
 double seconds_since(TimePoint then) {
@@ -81,8 +81,8 @@ bool open_link(Link &link, const Target &target) {
     hints.ai_family = AF_INET; // the daemon speaks IPv4
     hints.ai_socktype = SOCK_DGRAM;
     addrinfo *found = nullptr;
-    const int problem = getaddrinfo(target.host.c_str(), std::to_string(target.port).c_str(),
-                                    &hints, &found);
+    const int problem =
+        getaddrinfo(target.host.c_str(), std::to_string(target.port).c_str(), &hints, &found);
     if (problem != 0) {
         fail("cannot find the host " + target.host + ": " + gai_strerror(problem));
         return false;
@@ -152,7 +152,8 @@ Received receive(Link &link, PacketView &packet, TimePoint deadline) {
     while (!stop_requested()) {
         register_when_due(link);
         const bool is_registered = link.registration != Registration::none;
-        const TimePoint until = is_registered ? std::min(deadline, link.registration_due) : deadline;
+        const TimePoint until =
+            is_registered ? std::min(deadline, link.registration_due) : deadline;
         bool is_output_gone = false;
         if (wait_readable(link, until, is_output_gone)) {
             const Received received = read_packet(link, packet);

@@ -13,7 +13,7 @@ constexpr uint8_t menu_kind = 8;
 constexpr uint8_t info_kind = 1;
 constexpr size_t info_size = 44;
 constexpr size_t info_name_at = 4;
-constexpr uint32_t overtaken_limit = 64;    // a packet further behind is of another count
+constexpr uint32_t overtaken_limit = 64;      // a packet further behind is of another count
 constexpr uint32_t remembered_missing = 1024; // more than overtaken_limit, and bounded
 
 std::optional<PacketView> parse_packet(std::span<const uint8_t> datagram) {

@@ -24,8 +24,8 @@ std::optional<PacketView> parse_packet(std::span<const uint8_t> datagram);
 // The datagram that carries a client's payload.
 std::string client_datagram(std::string_view payload);
 
-// The largest payload that the daemon reads whole. It takes a longer one in part, which ends it when
-// a command is cut by that.
+// The largest payload that the daemon reads whole. It takes a longer one in part, which ends it
+// when a command is cut by that.
 constexpr size_t largest_client_payload = 30000 - 12;
 
 // The first byte of a client's payload.

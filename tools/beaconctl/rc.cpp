@@ -29,9 +29,8 @@ static int ask_channels(Link &link, Receivers &receivers) {
         }
         return has_come[0] && has_come[1];
     };
-    const Outcome outcome =
-        request(link, command_text({{"cmd", "rc"}, {"param", "get-channels"}}), link.timeout, 5,
-                take);
+    const Outcome outcome = request(link, command_text({{"cmd", "rc"}, {"param", "get-channels"}}),
+                                    link.timeout, 5, take);
     return outcome == Outcome::answered ? exit_ok : report_silence(link, outcome);
 }
 
@@ -85,7 +84,8 @@ static std::vector<std::string> receiver_lines(size_t index, const Json &receive
     if (state == rc_absent) {
         return lines;
     }
-    lines.emplace_back("  ch    raw    min  centre    max   value  dead band  limit  inv  function");
+    lines.emplace_back(
+        "  ch    raw    min  centre    max   value  dead band  limit  inv  function");
     size_t number = 0;
     for (const Json &channel : receiver["ch"]) {
         lines.push_back(channel_line(++number, channel));
@@ -133,8 +133,7 @@ int show_channels(const Target &target, bool is_once, bool as_json) {
 }
 
 static std::string rc_command(const char *param, int receiver) {
-    return command_text(
-        {{"cmd", "rc"}, {"param", param}, {"value", std::to_string(receiver - 1)}});
+    return command_text({{"cmd", "rc"}, {"param", param}, {"value", std::to_string(receiver - 1)}});
 }
 
 static const Json &chosen(const Receivers &receivers, int receiver) {
@@ -245,9 +244,10 @@ int calibrate_receiver(const Target &target, int receiver) {
         return code;
     }
     const std::string name = "RC" + std::to_string(receiver);
-    say("Calibrating " + name + ". The gimbal moves with the sticks; Ctrl-C gives up.\n\n"
-        "Step 1 of 2, the ends. Move every stick, knob and switch of " + name +
-        " to both of its\nends, slowly and more than once. Then press Enter.");
+    say("Calibrating " + name +
+        ". The gimbal moves with the sticks; Ctrl-C gives up.\n\n"
+        "Step 1 of 2, the ends. Move every stick, knob and switch of " +
+        name + " to both of its\nends, slowly and more than once. Then press Enter.");
     if (const int code = command_state(link, "calibrate-minmax", receiver, rc_calibrating);
         code != exit_ok) {
         return code;
@@ -264,8 +264,7 @@ int calibrate_receiver(const Target &target, int receiver) {
     if (!wait_for_enter(link, receiver, false)) {
         return give_up(link, receiver, chosen(before, receiver));
     }
-    if (const int code = command_state(link, "set-center", receiver, rc_present);
-        code != exit_ok) {
+    if (const int code = command_state(link, "set-center", receiver, rc_present); code != exit_ok) {
         return code;
     }
     say("\nDone and saved:");

@@ -48,9 +48,9 @@ static bool open_output(Recording &recording) {
         return true;
     }
     const std::string &file = recording.options.file;
-    recording.output = file == "-" ? STDOUT_FILENO
-                                   : open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC,
-                                          0644);
+    recording.output = file == "-"
+                           ? STDOUT_FILENO
+                           : open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (recording.output < 0) {
         recording.end = RecordEnd::write_failed;
         fail("cannot write " + file + ": " + strerror(errno));
@@ -187,7 +187,9 @@ static int finish(const Link &link, Recording &recording) {
         fail("nothing recorded: " + link.name + " sent nothing");
         return exit_silent;
     }
-    fprintf(stderr, "%s: %s\n", recording.options.file.c_str(), summary(recording).c_str());
+    if (recording.bytes > 0) {
+        fprintf(stderr, "%s: %s\n", recording.options.file.c_str(), summary(recording).c_str());
+    }
     return recording.end == RecordEnd::write_failed ? exit_failed : exit_ok;
 }
 
@@ -221,8 +223,7 @@ int record_stream(const Target &target, const RecordOptions &options) {
     link.output = options.file == "-" ? STDOUT_FILENO : -1;
     // Everything, for any type: only who gets every packet can tell that one is missing.
     keep_registered(link, Registration::everything);
-    record_on(link, recording,
-              options.seconds > 0 ? after(options.seconds) : TimePoint::max());
+    record_on(link, recording, options.seconds > 0 ? after(options.seconds) : TimePoint::max());
     if (!recording.count.started && info.client_count >= most_clients) {
         return fail("the daemon has ten clients already, and takes no more");
     }

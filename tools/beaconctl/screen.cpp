@@ -2,6 +2,7 @@
 
 #include "beaconctl/text_table.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -14,10 +15,19 @@ bool is_terminal(int fd) {
     return isatty(fd) == 1;
 }
 
-// One column stays free: a terminal may begin a new line when its last is written.
-static size_t terminal_width(int fd) {
+struct TerminalSize {
+    size_t columns = 79;
+    size_t rows = 23;
+};
+
+// One column stays free, for a terminal may begin a new line when its last is written, and one row,
+// for the cursor.
+static TerminalSize terminal_size(int fd) {
     winsize size{};
-    return ioctl(fd, TIOCGWINSZ, &size) == 0 && size.ws_col > 1 ? size.ws_col - 1U : 79U;
+    if (ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col < 2 || size.ws_row < 2) {
+        return {};
+    }
+    return {size.ws_col - 1U, size.ws_row - 1U};
 }
 
 bool print_lines(const std::vector<std::string> &lines) {
@@ -36,12 +46,16 @@ bool rewrite_screen(Screen &screen, const std::vector<std::string> &lines) {
     if (screen.lines > 0) {
         text = "\x1b[" + std::to_string(screen.lines) + "A"; // up to the block's first line
     }
-    const size_t width = terminal_width(STDOUT_FILENO);
-    for (const std::string &line : lines) {
-        text += "\r" + cut_text(line, width) + clear_to_line_end + "\n";
+    const TerminalSize size = terminal_size(STDOUT_FILENO);
+    screen.lines = std::min(lines.size(), size.rows);
+    for (size_t i = 0; i < screen.lines; ++i) {
+        const bool is_cut = i + 1 == screen.lines && screen.lines < lines.size();
+        text +=
+            "\r" +
+            cut_text(is_cut ? "(there is more: make the window taller)" : lines[i], size.columns) +
+            clear_to_line_end + "\n";
     }
     text += clear_below;
-    screen.lines = lines.size();
     fputs(text.c_str(), stdout);
     return fflush(stdout) == 0;
 }
@@ -55,7 +69,7 @@ bool progress_due(Progress &progress) {
 }
 
 void show_progress(Progress &progress, const std::string &text) {
-    const std::string line = cut_text(text, terminal_width(STDERR_FILENO));
+    const std::string line = cut_text(text, terminal_size(STDERR_FILENO).columns);
     fprintf(stderr, "\r%s%s", line.c_str(), clear_to_line_end);
     progress.is_shown = true;
 }

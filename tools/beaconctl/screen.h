@@ -14,7 +14,7 @@ bool is_terminal(int fd);
 bool print_lines(const std::vector<std::string> &lines);
 bool print_table(const std::vector<std::pair<std::string, std::string>> &rows);
 
-// A block on a terminal's standard output. Lines are cut at its width.
+// A block on a terminal's standard output, cut at its width and height.
 struct Screen {
     size_t lines = 0; // of the block that stands there
 };

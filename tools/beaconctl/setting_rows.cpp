@@ -37,12 +37,9 @@ constexpr SettingField udp_fields[] = {
     {"stream_udp_blocksize", "udp_blocksize", number},
 };
 constexpr SettingField rtmp_fields[] = {
-    {"stream_rtmp_enabled", "rtmp_enabled", flag},
-    {"stream_rtmp_url", "rtmp_url", text},
-    {"stream_rtmp_key", "rtmp_key", text},
-    {"stream2_rtmp_enabled", "rtmp2_enabled", flag},
-    {"stream2_rtmp_url", "rtmp2_url", text},
-    {"stream2_rtmp_key", "rtmp2_key", text},
+    {"stream_rtmp_enabled", "rtmp_enabled", flag}, {"stream_rtmp_url", "rtmp_url", text},
+    {"stream_rtmp_key", "rtmp_key", text},         {"stream2_rtmp_enabled", "rtmp2_enabled", flag},
+    {"stream2_rtmp_url", "rtmp2_url", text},       {"stream2_rtmp_key", "rtmp2_key", text},
 };
 constexpr SettingField rtsp_fields[] = {{"rtsp_server_enabled", "rtsp_enabled", flag}};
 constexpr SettingField srt_fields[] = {
@@ -50,8 +47,8 @@ constexpr SettingField srt_fields[] = {
     {"stream_srt_url", "srt_url", text},
 };
 constexpr SettingField recording_fields[] = {
-    {"recording_enabled", "enabled", flag},    {"recording_place", "place", number},
-    {"recording_gpio", "gpio", number},        {"recording_btn_gpio", "gpio2", number},
+    {"recording_enabled", "enabled", flag}, {"recording_place", "place", number},
+    {"recording_gpio", "gpio", number},     {"recording_btn_gpio", "gpio2", number},
     {"shot_btn_gpio", "gpio3", number},
 };
 constexpr SettingField rec_fields[] = {{"recording_enabled", "enabled", flag}};
@@ -63,8 +60,8 @@ constexpr SettingField transcoding_fields[] = {
     {"resize_height", "resize_height", number},
 };
 constexpr SettingField audio_fields[] = {
-    {"audio_enabled", "audio_enabled", flag},       {"audio_bitrate", "audio_bitrate", number},
-    {"audio_dst", "audio_dst", number},             {"audio_autogain", "autogain_enabled", flag},
+    {"audio_enabled", "audio_enabled", flag}, {"audio_bitrate", "audio_bitrate", number},
+    {"audio_dst", "audio_dst", number},       {"audio_autogain", "autogain_enabled", flag},
     {"audio_volume", "audio_volume", number},
 };
 constexpr SettingField display_enabled[] = {{"display_enabled", "enabled", flag}};
@@ -144,10 +141,21 @@ constexpr SettingRow rows[] = {
     {"osd", "enabled", "display", osd_enabled},
     {"osd", "borders", "display", osd_borders},
     {.param = "cvbs", .sub = "test", .section = nullptr, .fields = cvbs_fields, .optional = 1},
-    {.param = "cvbs", .sub = "testandsave", .section = nullptr, .fields = cvbs_fields, .optional = 1},
+    {.param = "cvbs",
+     .sub = "testandsave",
+     .section = nullptr,
+     .fields = cvbs_fields,
+     .optional = 1},
     {.param = "hdmi", .sub = "test", .section = nullptr, .fields = hdmi_fields, .optional = 2},
-    {.param = "hdmi", .sub = "testandsave", .section = nullptr, .fields = hdmi_fields, .optional = 2},
-    {.param = "app_type", .sub = nullptr, .section = "info", .fields = app_type_fields,
+    {.param = "hdmi",
+     .sub = "testandsave",
+     .section = nullptr,
+     .fields = hdmi_fields,
+     .optional = 2},
+    {.param = "app_type",
+     .sub = nullptr,
+     .section = "info",
+     .fields = app_type_fields,
      .ends_daemon = true},
     {"internal_camera", nullptr, "camera", internal_camera_fields},
     {"rc", nullptr, "rc", rc_fields},
@@ -160,16 +168,22 @@ constexpr SettingRow rows[] = {
     {"automovement", "moveprev", nullptr, {}},
     {"automovement", "setstate", nullptr, state_fields},
     {"zerotier", "params", "zerotier", zerotier_fields},
-    {.param = "zerotier", .sub = "join", .section = nullptr, .fields = network_fields,
+    {.param = "zerotier",
+     .sub = "join",
+     .section = nullptr,
+     .fields = network_fields,
      .first_value = 4},
-    {.param = "zerotier", .sub = "leave", .section = nullptr, .fields = network_fields,
+    {.param = "zerotier",
+     .sub = "leave",
+     .section = nullptr,
+     .fields = network_fields,
      .first_value = 4},
     {"zerotier", "clear", nullptr, {}},
 };
 
-constexpr const char *sections[] = {"info",      "ethernet",  "wifi",  "camera", "display",
-                                    "streaming", "recording", "video", "rc",     "gimbal",
-                                    "automovement", "zerotier", "system"};
+constexpr const char *sections[] = {"info",         "ethernet",  "wifi",  "camera", "display",
+                                    "streaming",    "recording", "video", "rc",     "gimbal",
+                                    "automovement", "zerotier",  "system"};
 
 std::span<const SettingRow> setting_rows() {
     return rows;

@@ -130,17 +130,17 @@ static std::string sources_text(const StatusRecord &record) {
 }
 
 static std::string services_text(const StatusRecord &record) {
-    const std::string srt =
-        record.srt_seconds == 0 ? "SRT"
+    const std::string srt = record.srt_seconds == 0
+                                ? "SRT"
                                 : "SRT (client for " + std::to_string(record.srt_seconds) + " s)";
-    return list_of({{record.is_recording, with_number("recording", record.recorder_number)},
-                    {record.udp, "UDP"},
-                    {record.rtmp, with_number("RTMP", record.rtmp_number)},
-                    {record.srt, srt},
-                    {record.rtsp, with_number("RTSP", record.rtsp_number)},
-                    {record.osd, record.osd_borders ? "on-screen display with borders"
-                                                    : "on-screen display"}},
-                   "all off");
+    return list_of(
+        {{record.is_recording, with_number("recording", record.recorder_number)},
+         {record.udp, "UDP"},
+         {record.rtmp, with_number("RTMP", record.rtmp_number)},
+         {record.srt, srt},
+         {record.rtsp, with_number("RTSP", record.rtsp_number)},
+         {record.osd, record.osd_borders ? "on-screen display with borders" : "on-screen display"}},
+        "all off");
 }
 
 static std::string receiver_text(uint8_t state) {
@@ -160,8 +160,8 @@ static std::string movement_text(const StatusRecord &record) {
     if (record.movement_count == 0) {
         return record.movement_running ? "running, but the list is empty" : "no list";
     }
-    const std::string steps = std::to_string(record.movement_count) +
-                              (record.movement_count == 1 ? " step" : " steps");
+    const std::string steps =
+        std::to_string(record.movement_count) + (record.movement_count == 1 ? " step" : " steps");
     const std::string nearest =
         ", camera nearest to step " + std::to_string(record.movement_nearest + 1);
     if (!record.movement_running) {

@@ -12,12 +12,12 @@
 struct StatusRecord {
     uint8_t app_type;
     int client_count;
-    bool access_point, wifi, camera_network; // links that are up
-    bool is_recording, udp, rtmp, srt, rtsp; // services that are switched on
+    bool access_point, wifi, camera_network;            // links that are up
+    bool is_recording, udp, rtmp, srt, rtsp;            // services that are switched on
     uint32_t rtmp_number, recorder_number, rtsp_number; // as the services publish them
     uint8_t rc_state[2];                                // 0 absent, 1 present, 2 calibrating
     bool osd, osd_borders;
-    int temperature;       // degrees Celsius
+    int temperature; // degrees Celsius
     uint8_t version[3];
     uint8_t storage_place; // 0 not examined, 1 internal, 2 external, 255 none with free space
     uint32_t free_megabytes;

@@ -42,9 +42,9 @@ static bool show_screen(Watch &watch) {
     watch.redraw_due = after(redraw_interval);
     const int silence = static_cast<int>(seconds_since(watch.heard));
     std::vector<std::string> lines = table_lines(status_words(*watch.record));
-    lines.insert(lines.begin(), watch.title + (is_silent(watch) ? ": silent for " +
-                                                                      std::to_string(silence) + " s"
-                                                                : ", " + clock_time()));
+    lines.insert(lines.begin(),
+                 watch.title + (is_silent(watch) ? ": silent for " + std::to_string(silence) + " s"
+                                                 : ", " + clock_time()));
     return rewrite_screen(watch.screen, lines);
 }
 
