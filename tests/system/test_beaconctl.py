@@ -90,7 +90,7 @@ def test_every_value_becomes_the_setting_that_the_list_names(board, ctl, daemon)
         assert [row.split() for row in done.stdout.splitlines()] == \
             [list(pair) for pair in zip(keys, values)]
         expected.update(zip(keys, values))
-    assert len(expected) == 69
+    assert len(expected) == 77
     saved = parse_settings(board.path(BOOT_FILE).read_bytes())
     assert {key: saved[key].strip('"') for key in expected} == expected
 
