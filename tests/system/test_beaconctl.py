@@ -228,7 +228,7 @@ def test_hosts_may_have_names(ctl, daemon):
 
 USELESS = [
     [], ["nope"], ["get", "info", "more"], ["record"], ["gimbal", "0", "0", "1.1"],
-    ["record", "x", "--type", "y"], ["--port", "0", "get"], ["rc", "calibrate", "3"], ["reboot"],
+    ["download", "/" + "x" * 255, "x"], ["record", "x", "--type", "y"], ["--port", "0", "get"], ["rc", "calibrate", "3"], ["reboot"],
 ]
 
 
@@ -399,12 +399,14 @@ def test_version_and_help(ctl):
     assert ctl("--version").stdout == "beaconctl 0.8.19\n"
     done = ctl("--help")
     assert done.returncode == 0
+    assert ctl("set").stdout in ctl("set", "--help").stdout.replace("\n  ", "\n") + "\n"
     listed = re.search("Subcommands:\n(.*?)\n\n", done.stdout, re.DOTALL)[1]
     assert [line.split()[0] for line in listed.splitlines()] == COMMANDS
 
 
 def test_the_manual_page_has_all_commands_and_options(ctl):
     page = (REPOSITORY / "docs/man/beaconctl.1").read_text().replace("\\-", "-")
+    assert '"Quillorbeacon 0.8.19"' in page.splitlines()[0]
     headings = re.findall(r"^\.SS (\w+)", page, re.MULTILINE)
     assert list(dict.fromkeys(headings)) == COMMANDS
     options = set().union(*(options_of(ctl(*words, "--help").stdout)

@@ -2,6 +2,7 @@
 
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
+#include "beaconctl/setting_rows.h"
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -72,17 +73,28 @@ static void add_get(CLI::App &app, Words &words) {
     });
 }
 
+static std::string set_footer() {
+    std::string text = R"(
+Examples:
+  beaconctl set display hflip 1
+  beaconctl set ethernet 1 10.0.0.7 255.255.255.0
+  beaconctl set wlan ap_ssid=Beacon ap_psk="good morning"
+  beaconctl set internal_camera camera_params="-w 1280 -h 720"
+
+What can be changed:)";
+    for (const SettingRow &row : setting_rows()) {
+        text += "\n  " + usage_line(row);
+    }
+    return text;
+}
+
 static void add_set(CLI::App &app, Words &words) {
     auto *command = app.add_subcommand("set", "Change settings, or list what can be changed");
     command->add_option("PARAM", words.setting,
                         "The param, its sub-command where it has one, and its values:\n"
                         "all of them in order, or NAME=VALUE for those to change.\n"
-                        "Without anything, all params are listed with their values");
-    command->footer("\nExamples:\n"
-                    "  beaconctl set display hflip 1\n"
-                    "  beaconctl set ethernet 1 10.0.0.7 255.255.255.0\n"
-                    "  beaconctl set wlan ap_ssid=Beacon ap_psk=\"good morning\"\n"
-                    "  beaconctl set internal_camera camera_params=\"-w 1280 -h 720\"");
+                        "Without anything, all params are listed with their values.");
+    command->footer(set_footer);
     command->callback([&] {
         words.exit_code =
             words.setting.empty() ? list_params() : set_values(words.target, words.setting);
@@ -174,7 +186,6 @@ int run_command_line(int argc, char **argv) {
     CLI::App app("Talks to the relay and control daemon of a camera board.", "beaconctl");
     Words words;
     add_global_options(app, words);
-    app.footer(footer);
     app.failure_message([](const CLI::App *, const CLI::Error &problem) {
         return std::string("beaconctl: ") + problem.what() +
                "\nRun \"beaconctl --help\", or a command with --help, for more.\n";
@@ -191,6 +202,7 @@ int run_command_line(int argc, char **argv) {
     add_gimbal(app, words);
     add_simple_commands(app, words);
     add_raw(app, words);
+    app.footer(footer); // not before: the commands would have it too
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &problem) {

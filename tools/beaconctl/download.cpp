@@ -11,8 +11,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-constexpr uint32_t overlap = 4096; // of what is there already, fetched again and compared
-constexpr int most_restarts = 5;   // of a transfer whose size another client's may have changed
+constexpr uint32_t overlap = 4096;   // of what is there already, fetched again and compared
+constexpr size_t longest_path = 255; // the daemon cuts a longer one
+constexpr int most_restarts = 5;     // of a transfer whose size another client's may have changed
 
 struct Download {
     std::string remote;
@@ -213,6 +214,10 @@ static int finish(Download &download) {
 }
 
 int download_file(const Target &target, const DownloadOptions &options) {
+    if (options.remote.size() > longest_path) {
+        fail("the file's name is longer than the daemon takes");
+        return exit_usage;
+    }
     Link link;
     if (!open_link(link, target)) {
         return exit_silent;
@@ -221,7 +226,7 @@ int download_file(const Target &target, const DownloadOptions &options) {
     download.remote = options.remote;
     download.local = local_path(options);
     download.part = download.local + ".part";
-    int code = options.resume ? take_up_part(download) : exit_ok;
+    const int code = options.resume ? take_up_part(download) : exit_ok;
     Step step{code, code != exit_ok};
     for (TimePoint heard = Clock::now(); !step.is_over;) {
         step = fetch_piece(link, download, heard);

@@ -50,6 +50,7 @@ bool open_link(Link &link, const Target &target);
 // From now on receive() registers every few seconds, at first at once.
 void keep_registered(Link &link, Registration registration);
 
+// Sends nothing that is longer than what the daemon reads.
 void send_payload(const Link &link, std::string_view payload);
 
 enum class Received {
