@@ -133,7 +133,9 @@ def test_what_the_board_does_not_tell(ctl, daemon):
     assert (done.returncode, done.stdout) == (
         0, "Sent; the daemon does not say what becomes of it.\n")
     daemon.wait_error("Auto movement start\n")
-    assert "ends and is started anew" in ctl("set", "app_type", "app_type=9").stdout
+    done = ctl("set", "app_type", "app_type=9")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        0, "Sent. The daemon stores it, ends and is started anew with it.\n", "")
     assert daemon.wait_exit() == 1
 
 

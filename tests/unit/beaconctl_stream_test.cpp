@@ -212,6 +212,17 @@ TEST(FileTransfer, ResumesWhereItIsTold) {
     EXPECT_EQ(take_piece(longer, piece(probe_offset, 100, 0)), PieceVerdict::changed);
 }
 
+TEST(FileTransfer, ASecondProbeMustTellTheSameSize) {
+    FileTransfer transfer;
+    take_piece(transfer, piece(probe_offset, 100, 0));
+    take_piece(transfer, piece(0, 100, 60));
+    transfer.start = 60;
+    transfer.offset = probe_offset;
+    EXPECT_EQ(take_piece(transfer, piece(probe_offset, 200, 0)), PieceVerdict::changed);
+    EXPECT_EQ(take_piece(transfer, piece(probe_offset, 100, 0)), PieceVerdict::taken);
+    EXPECT_EQ(transfer.offset, 60U);
+}
+
 TEST(FileTransfer, SeesWhatCannotBeRight) {
     FileTransfer large;
     EXPECT_EQ(take_piece(large, piece(probe_offset, 0x7FFFFFFF, 0)), PieceVerdict::too_large);

@@ -99,16 +99,21 @@ static void tell_progress(Download &download) {
     const double size = download.transfer.size;
     const double speed = (done - download.began_at) / std::max(seconds_since(download.begun), 0.01);
     char text[200];
-    snprintf(text, sizeof text, "%3.0f %%  %s of %s  %s/s  %.0f s left", 100 * done / size,
-             bytes_text(done).c_str(), bytes_text(size).c_str(), bytes_text(speed).c_str(),
-             speed > 0 ? (size - done) / speed : 0.0);
-    show_progress(download.progress, text);
+    snprintf(text, sizeof text, "%3.0f %%  %s of %s", 100 * done / size, bytes_text(done).c_str(),
+             bytes_text(size).c_str());
+    std::string line = text;
+    if (speed > 0) {
+        snprintf(text, sizeof text, "  %s/s  %.0f s left", bytes_text(speed).c_str(),
+                 (size - done) / speed);
+        line += text;
+    }
+    show_progress(download.progress, line);
 }
 
 // Another client that fetches the same file can make the daemon forget or keep its size: the probe
 // tells which it is now. A file whose size is really another is given up.
 static bool begin_again(Download &download) {
-    if (++download.restarts > most_restarts || download.transfer.offset == probe_offset) {
+    if (download.transfer.offset == probe_offset || ++download.restarts > most_restarts) {
         return false;
     }
     download.transfer.start = download.transfer.offset;
@@ -117,7 +122,7 @@ static bool begin_again(Download &download) {
 }
 
 static int report_changed(const Download &download) {
-    return fail(download.transfer.start > 0 && download.began_at == 0
+    return fail(download.restarts == 0 && download.transfer.offset == probe_offset
                     ? download.part + " is longer than " + download.remote +
                           ": remove it, or download without --resume"
                     : download.remote + " changes while it is fetched");

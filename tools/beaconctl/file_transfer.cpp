@@ -28,7 +28,8 @@ static PieceVerdict take_probe(FileTransfer &transfer, const FilePiece &piece) {
     if (piece.full_size > largest_file) {
         return PieceVerdict::too_large;
     }
-    if (transfer.start > piece.full_size) {
+    if (transfer.start > piece.full_size ||
+        (transfer.size != 0 && piece.full_size != transfer.size)) {
         return PieceVerdict::changed;
     }
     transfer.size = piece.full_size;

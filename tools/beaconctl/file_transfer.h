@@ -46,7 +46,7 @@ enum class PieceVerdict {
 };
 
 // Takes an answer. When the probe's is taken, the data is empty and `offset` becomes `start`; a
-// `start` that is past the end is `changed`.
+// `start` that is past the end is `changed`, and so is another size than an earlier probe told.
 PieceVerdict take_piece(FileTransfer &transfer, const FilePiece &piece);
 
 // How long to wait for a piece before asking again: three times what pieces take, doubled for each
