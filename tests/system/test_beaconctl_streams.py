@@ -214,7 +214,7 @@ def test_a_link_that_loses_every_tenth_piece(board, ctl, daemon, bad_link):
 
 
 def test_going_on_after_the_link_has_broken(board, ctl, daemon, bad_link):
-    link = bad_link(lambda to_client, number, datagram: number <= 4)  # the probe, three pieces
+    link = bad_link(lambda to_client, number, datagram: number <= 5)  # two before the file, three pieces
     data = content(6 * PIECE)
     board.write("/media/clip.mp4", data)
     words = ("download", "/media/clip.mp4", "/tmp/copy")
@@ -253,7 +253,7 @@ def test_a_size_that_the_daemon_remembers_from_an_earlier_transfer(board, ctl, d
 
 
 def test_progress_at_a_terminal_and_ctrl_c(board, ctl, daemon, bad_link):
-    link = bad_link(lambda to_client, number, datagram: number <= 6)
+    link = bad_link(lambda to_client, number, datagram: number <= 7)
     board.write("/media/clip.mp4", content(10 * PIECE))
     terminal = ctl.at_terminal(*link.options, "download", "/media/clip.mp4", "/tmp/copy")
     terminal.expect(" 50 %  299.9 kB of 599.9 kB  ")

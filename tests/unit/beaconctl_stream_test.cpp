@@ -184,9 +184,18 @@ static FilePiece piece(uint32_t offset, uint32_t size, size_t length) {
     return {offset, size, {data.data(), length}};
 }
 
-TEST(FileTransfer, ProbesThenTakesPieceAfterPiece) {
+// A transfer whose first request has been answered.
+static FileTransfer after_reset() {
     FileTransfer transfer;
+    EXPECT_EQ(take_piece(transfer, piece(reset_offset, 77, 0)), PieceVerdict::taken);
+    EXPECT_EQ(transfer.offset, probe_offset);
+    return transfer;
+}
+
+TEST(FileTransfer, ProbesThenTakesPieceAfterPiece) {
+    FileTransfer transfer = after_reset();
     EXPECT_EQ(take_piece(transfer, piece(0, 100, 50)), PieceVerdict::not_expected);
+    EXPECT_EQ(take_piece(transfer, piece(reset_offset, 77, 0)), PieceVerdict::not_expected);
     EXPECT_EQ(take_piece(transfer, piece(probe_offset, 100, 0)), PieceVerdict::taken);
     EXPECT_EQ(transfer.offset, 0U);
     EXPECT_EQ(take_piece(transfer, piece(0, 100, 60)), PieceVerdict::taken);
@@ -198,22 +207,22 @@ TEST(FileTransfer, ProbesThenTakesPieceAfterPiece) {
 TEST(FileTransfer, TellsAMissingFileFromAnEmptyOne) {
     FileTransfer missing;
     EXPECT_EQ(take_piece(missing, piece(0, 0, 0)), PieceVerdict::missing);
-    FileTransfer empty;
+    FileTransfer empty = after_reset();
     EXPECT_EQ(take_piece(empty, piece(probe_offset, 0, 0)), PieceVerdict::complete);
 }
 
 TEST(FileTransfer, ResumesWhereItIsTold) {
-    FileTransfer transfer;
+    FileTransfer transfer = after_reset();
     transfer.start = 70;
     EXPECT_EQ(take_piece(transfer, piece(probe_offset, 100, 0)), PieceVerdict::taken);
     EXPECT_EQ(take_piece(transfer, piece(70, 100, 30)), PieceVerdict::complete);
-    FileTransfer longer;
+    FileTransfer longer = after_reset();
     longer.start = 101;
     EXPECT_EQ(take_piece(longer, piece(probe_offset, 100, 0)), PieceVerdict::changed);
 }
 
 TEST(FileTransfer, ASecondProbeMustTellTheSameSize) {
-    FileTransfer transfer;
+    FileTransfer transfer = after_reset();
     take_piece(transfer, piece(probe_offset, 100, 0));
     take_piece(transfer, piece(0, 100, 60));
     transfer.start = 60;
@@ -224,9 +233,9 @@ TEST(FileTransfer, ASecondProbeMustTellTheSameSize) {
 }
 
 TEST(FileTransfer, SeesWhatCannotBeRight) {
-    FileTransfer large;
+    FileTransfer large = after_reset();
     EXPECT_EQ(take_piece(large, piece(probe_offset, 0x7FFFFFFF, 0)), PieceVerdict::too_large);
-    FileTransfer transfer;
+    FileTransfer transfer = after_reset();
     take_piece(transfer, piece(probe_offset, 100, 0));
     EXPECT_EQ(take_piece(transfer, piece(0, 200, 50)), PieceVerdict::changed);
     EXPECT_EQ(take_piece(transfer, piece(0, 100, 101)), PieceVerdict::changed);

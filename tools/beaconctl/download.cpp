@@ -92,7 +92,7 @@ static int write_piece(Download &download, uint32_t offset, std::span<const uint
 }
 
 static void tell_progress(Download &download) {
-    if (!progress_due(download.progress) || download.transfer.offset == probe_offset) {
+    if (!progress_due(download.progress) || is_before_data(download.transfer)) {
         return;
     }
     const double done = download.transfer.offset;
@@ -113,16 +113,16 @@ static void tell_progress(Download &download) {
 // Another client that fetches the same file can make the daemon forget or keep its size: the probe
 // tells which it is now. A file whose size is really another is given up.
 static bool begin_again(Download &download) {
-    if (download.transfer.offset == probe_offset || ++download.restarts > most_restarts) {
+    if (is_before_data(download.transfer) || ++download.restarts > most_restarts) {
         return false;
     }
     download.transfer.start = download.transfer.offset;
-    download.transfer.offset = probe_offset;
+    download.transfer.offset = reset_offset;
     return true;
 }
 
 static int report_changed(const Download &download) {
-    return fail(download.restarts == 0 && download.transfer.offset == probe_offset
+    return fail(download.restarts == 0 && is_before_data(download.transfer)
                     ? download.part + " is longer than " + download.remote +
                           ": remove it, or download without --resume"
                     : download.remote + " changes while it is fetched");
@@ -139,12 +139,17 @@ struct Step {
     bool is_over = false;
 };
 
-static Step take_verdict(Download &download, PieceVerdict verdict, bool is_probe, uint32_t offset,
+static Step take_verdict(Download &download, PieceVerdict verdict, uint32_t offset,
                          std::span<const uint8_t> data) {
     switch (verdict) {
     case PieceVerdict::taken:
     case PieceVerdict::complete: {
-        const int code = is_probe ? begin_pieces(download) : write_piece(download, offset, data);
+        int code = exit_ok;
+        if (offset < reset_offset) {
+            code = write_piece(download, offset, data);
+        } else if (offset == probe_offset) {
+            code = begin_pieces(download);
+        }
         return {code, code != exit_ok || verdict == PieceVerdict::complete};
     }
     case PieceVerdict::missing:
@@ -173,12 +178,11 @@ static Step fetch_piece(Link &link, Download &download, TimePoint &heard) {
         if (!piece) {
             return false;
         }
-        const bool is_probe = offset == probe_offset;
         const PieceVerdict verdict = take_piece(download.transfer, *piece);
         if (verdict == PieceVerdict::not_expected) {
             return false;
         }
-        step = take_verdict(download, verdict, is_probe, offset, piece->data);
+        step = take_verdict(download, verdict, offset, piece->data);
         return true;
     };
     const Outcome outcome = request(link, piece_request(download.remote, offset),
@@ -240,7 +244,7 @@ int download_file(const Target &target, const DownloadOptions &options) {
     if (step.code == exit_ok) {
         return finish(download);
     }
-    if (download.output >= 0 && download.transfer.offset != probe_offset) {
+    if (download.output >= 0 && !is_before_data(download.transfer)) {
         fprintf(stderr, "What has come is in %s; --resume goes on from there.\n",
                 download.part.c_str());
     }

@@ -38,14 +38,17 @@ static PieceVerdict take_probe(FileTransfer &transfer, const FilePiece &piece) {
 }
 
 PieceVerdict take_piece(FileTransfer &transfer, const FilePiece &piece) {
-    const bool is_probe = transfer.offset == probe_offset;
     if (piece.offset == 0 && piece.full_size == 0 && piece.data.empty()) {
         return PieceVerdict::missing; // the probe of an empty file is answered with its own offset
     }
     if (piece.offset != transfer.offset) {
         return PieceVerdict::not_expected;
     }
-    if (is_probe) {
+    if (transfer.offset == reset_offset) {
+        transfer.offset = probe_offset;
+        return PieceVerdict::taken;
+    }
+    if (transfer.offset == probe_offset) {
         return take_probe(transfer, piece);
     }
     if (piece.full_size != transfer.size || piece.data.size() > transfer.size - transfer.offset) {

@@ -8,8 +8,9 @@
 #include <string>
 
 // Fetching a file: one piece is asked for, and the next one when it has come. Before the first
-// piece comes a probe, a request for what lies behind any file: its answer tells the size as it is
-// now, and a missing file from an empty one.
+// piece come two requests for what lies behind any file. The first makes the daemon forget a size
+// that it may remember from an earlier transfer of the file. The second, the probe, tells the size
+// as it is now. Both tell a missing file from an empty one.
 
 // A piece as the daemon sends it; the data belongs to the packet's buffer.
 struct FilePiece {
@@ -21,16 +22,17 @@ struct FilePiece {
 // Nothing when the packet carries no piece, or one that says another length than it has.
 std::optional<FilePiece> parse_piece(const PacketView &packet);
 
+constexpr uint32_t reset_offset = 0x7FFFFFFE;
 constexpr uint32_t probe_offset = 0x7FFFFFFF; // the last that a request can name
-constexpr uint32_t largest_file = probe_offset - 1;
+constexpr uint32_t largest_file = reset_offset - 1;
 
 // The command that asks for the piece at `offset`; `path` becomes one JSON string.
 std::string piece_request(const std::string &path, uint32_t offset);
 
-// What is known of a transfer. `offset` is where the next piece belongs, probe_offset before the
-// probe was answered.
+// What is known of a transfer. `offset` is what is to be asked for next: reset_offset, then
+// probe_offset, then where the next piece belongs.
 struct FileTransfer {
-    uint32_t offset = probe_offset;
+    uint32_t offset = reset_offset;
     uint32_t start = 0; // where to begin after the probe: the length of what is there already
     uint32_t size = 0;
 };
@@ -44,6 +46,10 @@ enum class PieceVerdict {
     changed,      // the file has another size than it had
     ended_early,  // no data although the end is not reached
 };
+
+inline bool is_before_data(const FileTransfer &transfer) {
+    return transfer.offset >= reset_offset;
+}
 
 // Takes an answer. When the probe's is taken, the data is empty and `offset` becomes `start`; a
 // `start` that is past the end is `changed`, and so is another size than an earlier probe told.
