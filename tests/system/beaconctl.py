@@ -51,6 +51,19 @@ def send_signal(process, number=signal.SIGINT):
     os.kill(int(child), number)
 
 
+def read_line(stream, timeout=20.0):
+    """The next line of a program's output; fails when there is none in time."""
+    line = b""
+    end = time.monotonic() + timeout
+    while not line.endswith(b"\n"):
+        left = end - time.monotonic()
+        assert left > 0 and select.select([stream], [], [], left)[0], line
+        byte = os.read(stream.fileno(), 1)
+        assert byte, f"ended with {line!r}"
+        line += byte
+    return line.decode(errors="replace")
+
+
 class Terminal:
     """A beaconctl whose input, output and errors are a terminal of its own."""
 

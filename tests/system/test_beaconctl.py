@@ -6,7 +6,7 @@ import subprocess
 
 import pytest
 
-from beaconctl import Ctl, send_signal
+from beaconctl import Ctl, read_line, send_signal
 from commands import BOOT_FILE, parse_settings
 from conftest import REPOSITORY, wait_until
 from test_rc import make_reader  # noqa: F401 - a fixture
@@ -156,10 +156,10 @@ def test_watch_once(board, ctl, daemon):
 def test_watch_into_a_pipe_writes_a_line_for_each_change(board, ctl, start):
     daemon = start(QUIET)
     board.write(TEMPERATURE, "48000")
-    process = ctl.start("watch", text=True)
+    process = ctl.start("watch")
 
     def next_line(text):
-        return wait_until(lambda: text in process.stdout.readline(), text, 20.0)
+        wait_until(lambda: text in read_line(process.stdout), text, 20.0)
 
     next_line("; 48 °C; ")
     board.write(TEMPERATURE, "49000")
@@ -170,12 +170,12 @@ def test_watch_into_a_pipe_writes_a_line_for_each_change(board, ctl, start):
     next_line("; 49 °C; ")
     send_signal(process)
     assert process.wait(20.0) == 0
-    assert process.stderr.read() == ""
+    assert process.stderr.read() == b""
 
 
 def test_watch_ends_when_nobody_reads(ctl, daemon):
     process = ctl.start("watch")
-    assert process.stdout.readline()
+    read_line(process.stdout)
     process.stdout.close()
     assert process.wait(20.0) == 0
     daemon.wait_error(" removed\n")

@@ -5,7 +5,7 @@ import signal
 
 import pytest
 
-from beaconctl import BadLink, Ctl, send_signal
+from beaconctl import BadLink, Ctl, read_line, send_signal
 from conftest import wait_until
 
 QUIET = "recording_place=2\n"
@@ -125,7 +125,7 @@ def test_audio_and_data(board, ctl, daemon):
         expected = b"".join(content(200 + i) for i in range(number + 1))
         wait_until(lambda: board.path("/tmp/a").exists()  # noqa: B023
                    and board.path("/tmp/a").read_bytes() == expected, "the audio")  # noqa: B023
-        assert data.stdout.readline() == b"battery %d\n" % number
+        assert read_line(data.stdout) == f"battery {number}\n"
     assert " 5 packets, 0 lost\n" in end_recording(audio, signal.SIGTERM)
     assert "-: 50 bytes of data in " in end_recording(data)
     assert data.stdout.read() == b""
@@ -133,8 +133,8 @@ def test_audio_and_data(board, ctl, daemon):
 
 def test_nobody_reads_any_more(ctl, daemon, make_producer):
     process = start_recording(ctl, daemon, "-")
-    make_producer().publish(PARAMETER_SET + content(1000))
-    assert process.stdout.read(len(PARAMETER_SET)) == PARAMETER_SET
+    make_producer().publish(PARAMETER_SET + b"\n" + content(1000))
+    assert read_line(process.stdout)[-2:] == "e\n"  # the header's last byte is "e"
     process.stdout.close()  # and nothing more comes to be written
     assert process.wait(20.0) == 0
     daemon.wait_error(" removed\n")
