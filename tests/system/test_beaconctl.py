@@ -416,7 +416,7 @@ def test_the_manual_page_has_all_commands_and_options(ctl):
                             for words in [[]] + [[command] for command in COMMANDS]))
     assert options <= options_of(page), options - options_of(page)
     for key in re.findall(r"(\w+)=", page.replace("NAME =", "")):
-        assert key in ctl("set").stdout or key in ("enabled", "camera_params"), key
+        assert key in ctl("set").stdout or key in ("enabled", "camera_params", "list"), key
 
 
 def completions(line):
