@@ -175,7 +175,8 @@ def test_watch_into_a_pipe_writes_a_line_for_each_change(board, ctl, start):
 
 def test_watch_ends_when_nobody_reads(ctl, daemon):
     process = ctl.start("watch")
-    read_line(process.stdout)
+    # We are counted within a second or two; then nothing changes any more.
+    wait_until(lambda: "clients: 1" in read_line(process.stdout), "the last change", 20.0)
     process.stdout.close()
     assert process.wait(20.0) == 0
     daemon.wait_error(" removed\n")

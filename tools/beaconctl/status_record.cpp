@@ -34,7 +34,7 @@ std::optional<StatusRecord> parse_status(std::span<const uint8_t> payload) {
     record.rc_state[1] = at[16];
     record.osd = bit(at[17], 0);
     record.osd_borders = bit(at[17], 1);
-    record.temperature = static_cast<int8_t>(at[18]);
+    record.temperature = at[18] < 0x80 ? at[18] : at[18] - 0x100;
     record.version[0] = at[19];
     record.version[1] = at[20];
     record.version[2] = at[21];
