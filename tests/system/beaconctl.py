@@ -1,5 +1,4 @@
-"""Running beaconctl on a board, also at a terminal, and a bad link to put between it and the daemon.
-"""
+"""Running beaconctl on a board, also at a terminal, and a bad link between it and the daemon."""
 
 import fcntl
 import os
@@ -99,7 +98,10 @@ class Terminal:
 
     def end(self):
         """Waits for the program's end; returns the exit status and what was shown last."""
+        end = time.monotonic() + 20.0
         while True:
+            left = end - time.monotonic()
+            assert left > 0 and select.select([self.master], [], [], left)[0], self.text
             try:
                 self.text += os.read(self.master, 65536).decode(errors="replace")
             except OSError:

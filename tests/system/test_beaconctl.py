@@ -231,7 +231,8 @@ def test_hosts_may_have_names(ctl, daemon):
 
 USELESS = [
     [], ["nope"], ["get", "info", "more"], ["record"], ["gimbal", "0", "0", "1.1"],
-    ["download", "/" + "x" * 255, "x"], ["record", "x", "--type", "y"], ["--port", "0", "get"], ["rc", "calibrate", "3"], ["reboot"],
+    ["download", "/" + "x" * 255, "x"], ["record", "x", "--type", "y"],
+    ["--port", "0", "get"], ["rc", "calibrate", "3"], ["reboot"],
 ]
 
 

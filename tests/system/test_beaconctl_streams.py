@@ -156,7 +156,8 @@ def test_nothing_to_record(board, ctl, daemon):
 
     wait_until(ended, "the end", interval=0.05)
     assert process.returncode == 1
-    assert process.stderr.read() == "beaconctl: cannot write /nowhere/v: No such file or directory\n"
+    assert process.stderr.read() == (
+        "beaconctl: cannot write /nowhere/v: No such file or directory\n")
 
 
 def test_recording_at_a_terminal(board, ctl, daemon, make_producer):
@@ -214,13 +215,15 @@ def test_a_link_that_loses_every_tenth_piece(board, ctl, daemon, bad_link):
 
 
 def test_going_on_after_the_link_has_broken(board, ctl, daemon, bad_link):
-    link = bad_link(lambda to_client, number, datagram: number <= 5)  # two before the file, three pieces
+    # Two requests before the file, then three pieces.
+    link = bad_link(lambda to_client, number, datagram: number <= 5)
     data = content(6 * PIECE)
     board.write("/media/clip.mp4", data)
     words = ("download", "/media/clip.mp4", "/tmp/copy")
     done = ctl(*link.options, "--timeout", "0.4", *words)
     assert done.returncode == 3
-    assert done.stderr.endswith("What has come is in /tmp/copy.part; --resume goes on from there.\n")
+    assert done.stderr.endswith(
+        "What has come is in /tmp/copy.part; --resume goes on from there.\n")
     assert not board.path("/tmp/copy").exists()
     assert board.path("/tmp/copy.part").read_bytes() == data[:3 * PIECE]
     before = len(requested_offsets(daemon, "/media/clip.mp4"))
