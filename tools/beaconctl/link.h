@@ -1,0 +1,92 @@
+#pragma once
+
+#include "beaconctl/packet.h"
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+// The way to the daemon: one UDP socket, and what all commands do with it. One thread.
+
+using Clock = std::chrono::steady_clock;
+using TimePoint = Clock::time_point;
+TimePoint after(double seconds); // that long from now
+double seconds_since(TimePoint then);
+
+// Where the daemon is, as the command line says.
+struct Target {
+    std::string host = "127.0.0.1";
+    uint16_t port = 5252;
+    std::optional<double> timeout; // seconds; else what suits the command
+};
+constexpr double usual_timeout = 5.0;
+
+enum class Registration : signed char {
+    none = -1,
+    everything = 0,
+    data_only = 1,
+};
+
+struct Link {
+    int socket = -1;
+    std::string name; // "board.local:5252", for messages
+    double timeout = usual_timeout;
+    Registration registration = Registration::none; // set by keep_registered
+    TimePoint registration_due{};
+    int output = -1; // a descriptor whose reader may leave, watched while waiting; -1: none
+    std::vector<uint8_t> buffer;
+
+    Link() = default;
+    Link(const Link &) = delete;
+    Link &operator=(const Link &) = delete;
+    ~Link(); // takes leave of the daemon
+};
+
+// Opens the socket. False: a line on standard error says why.
+bool open_link(Link &link, const Target &target);
+
+// From now on receive() registers every few seconds, at first at once.
+void keep_registered(Link &link, Registration registration);
+
+// Sends nothing that is longer than what the daemon reads.
+void send_payload(const Link &link, std::string_view payload);
+
+enum class Received {
+    packet,
+    timed_out,
+    refused,     // the other machine says that nobody listens there
+    stopped,     // by Ctrl-C or SIGTERM
+    output_gone, // nobody reads link.output any more
+};
+
+// Waits for the next packet, until the deadline at most; what is no packet is passed over. The
+// packet is valid until the next call.
+Received receive(Link &link, PacketView &packet, TimePoint deadline);
+
+enum class Outcome {
+    answered,
+    silent,
+    refused,
+    stopped,
+};
+
+// Sends a payload, `tries` times in all, spread over `seconds`, until take() says that a packet was
+// what had to come.
+Outcome request(Link &link, std::string_view payload, double seconds, int tries,
+                const std::function<bool(const PacketView &)> &take);
+
+// Asks who is there, over link.timeout.
+Outcome ask_board(Link &link, BoardInfo &info);
+
+// Says on standard error why there was no answer, and returns the exit code.
+int report_silence(const Link &link, Outcome outcome);
+
+// "beaconctl: ..." on standard error; returns exit_failed.
+int fail(const std::string &what);
+
+// Ctrl-C and SIGTERM from now on only make stop_requested() true; a broken pipe is an error of
+// write().
+void catch_stop_signals();
+bool stop_requested();

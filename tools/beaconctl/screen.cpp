@@ -1,0 +1,94 @@
+#include "beaconctl/screen.h"
+
+#include "beaconctl/text_table.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+constexpr double progress_interval = 0.2;
+constexpr const char *clear_to_line_end = "\x1b[K";
+constexpr const char *clear_below = "\x1b[J";
+
+bool is_terminal(int fd) {
+    return isatty(fd) == 1;
+}
+
+struct TerminalSize {
+    size_t columns = 79;
+    size_t rows = 23;
+};
+
+// One column stays free, for a terminal may begin a new line when its last is written, and one row,
+// for the cursor.
+static TerminalSize terminal_size(int fd) {
+    winsize size{};
+    if (ioctl(fd, TIOCGWINSZ, &size) != 0 || size.ws_col < 2 || size.ws_row < 2) {
+        return {};
+    }
+    return {size.ws_col - 1U, size.ws_row - 1U};
+}
+
+bool print_lines(const std::vector<std::string> &lines) {
+    for (const std::string &line : lines) {
+        puts(line.c_str());
+    }
+    return fflush(stdout) == 0;
+}
+
+bool print_table(const std::vector<std::pair<std::string, std::string>> &rows) {
+    return print_lines(table_lines(rows));
+}
+
+bool rewrite_screen(Screen &screen, const std::vector<std::string> &lines) {
+    std::string text;
+    if (screen.lines > 0) {
+        text = "\x1b[" + std::to_string(screen.lines) + "A"; // up to the block's first line
+    }
+    const TerminalSize size = terminal_size(STDOUT_FILENO);
+    screen.lines = std::min(lines.size(), size.rows);
+    for (size_t i = 0; i < screen.lines; ++i) {
+        const bool is_cut = i + 1 == screen.lines && screen.lines < lines.size();
+        text +=
+            "\r" +
+            cut_text(is_cut ? "(there is more: make the window taller)" : lines[i], size.columns) +
+            clear_to_line_end + "\n";
+    }
+    text += clear_below;
+    fputs(text.c_str(), stdout);
+    return fflush(stdout) == 0;
+}
+
+bool progress_due(Progress &progress) {
+    if (Clock::now() < progress.due || !is_terminal(STDERR_FILENO)) {
+        return false;
+    }
+    progress.due = after(progress_interval);
+    return true;
+}
+
+void show_progress(Progress &progress, const std::string &text) {
+    const std::string line = cut_text(text, terminal_size(STDERR_FILENO).columns);
+    fprintf(stderr, "\r%s%s", line.c_str(), clear_to_line_end);
+    progress.is_shown = true;
+}
+
+void clear_progress(Progress &progress) {
+    if (progress.is_shown) {
+        fprintf(stderr, "\r%s", clear_to_line_end);
+        progress.is_shown = false;
+    }
+}
+
+std::string bytes_text(double bytes) {
+    char text[40];
+    if (bytes < 1e3) {
+        snprintf(text, sizeof text, "%.0f bytes", bytes);
+    } else if (bytes < 1e6) {
+        snprintf(text, sizeof text, "%.1f kB", bytes / 1e3);
+    } else {
+        snprintf(text, sizeof text, "%.1f MB", bytes / 1e6);
+    }
+    return text;
+}
