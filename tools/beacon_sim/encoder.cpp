@@ -120,9 +120,8 @@ static pid_t start_program(const std::vector<std::string> &arguments, std::vecto
         close(pipe.ends[1]);
     }
     if (error != 0) {
-        complain(error == ENOENT ? "%s is not installed (Debian: apt-get install ffmpeg)"
-                                 : "cannot start %s",
-                 argv[0]);
+        complain("cannot start %s: %s%s", argv[0], strerror(error),
+                 error == ENOENT ? " (Debian has it in the package ffmpeg)" : "");
         return -1;
     }
     return pid;

@@ -167,9 +167,10 @@ static void run_loop(Simulation &simulation) {
             return;
         }
         const bool is_ring_watched = !feed.waiting.empty() || feed.is_ended;
-        const int64_t due = std::min(
-            {simulation.motion.beat.due, is_ring_watched ? now + ring_poll_interval : INT64_MAX});
-        wait_and_handle(simulation, due);
+        // Everything else that is due comes with a turn of the gimbal.
+        const int64_t turn = simulation.motion.beat.due;
+        wait_and_handle(simulation,
+                        is_ring_watched ? std::min(turn, now + ring_poll_interval) : turn);
     }
 }
 
@@ -178,9 +179,11 @@ static void print_summary(const Simulation &simulation) {
     const double *angles = simulation.motion.gimbal.angles;
     printf("Ran for %.1f seconds.\n", static_cast<double>(monotonic_ns() - simulation.begin) / 1e9);
     if (simulation.order.has_video) {
-        printf("  video      %" PRIu64 " frames, %" PRIu64 " bytes", simulation.feed.frames,
+        printf("  video      %" PRIu64 " frames, %" PRIu64 " bytes\n", simulation.feed.frames,
                simulation.feed.bytes);
-        printf(simulation.feed.too_long == 0 ? "\n" : "; %" PRIu64 " too long and left out\n",
+    }
+    if (simulation.feed.too_long != 0) {
+        printf("  left out   %" PRIu64 " frames, too long for the ring\n",
                simulation.feed.too_long);
     }
     if (streams.has_telemetry) {
