@@ -278,18 +278,25 @@ def test_shared_memory_alone_is_no_daemon(board, start, simulate):
 
 
 def test_a_second_signal_ends_the_waiting_for_the_last_frames(board, daemon, simulate):
-    simulator = simulate(*SMALL, "--record", "/tmp/record")
+    simulator = simulate(*SMALL)
     daemon.wait_error("Video found")
     os.kill(daemon.pid, signal.SIGSTOP)
-    frames = board.path("/tmp/record/frames.bin")
-    length = frames.stat().st_size
-    wait_until(lambda: frames.stat().st_size > length + 32, "frames that nobody takes")
+    simulator.complains("the daemon takes no frames from this ring, waiting for it\n")
     os.kill(simulator.pid, signal.SIGTERM)
     children = Path(f"/proc/{simulator.pid}/task/{simulator.pid}/children")
     wait_until(lambda: not children.read_text(), "the encoder's end")
     assert simulator.end() == 1
-    assert simulator.err.read_text() == (
+    assert simulator.err.read_text().endswith(
         "beacon-sim: stopped before the daemon had taken every frame\n")
+
+
+def test_a_daemon_that_is_gone_takes_no_last_frames(daemon, simulate):
+    simulator = simulate(*SMALL)
+    daemon.wait_error("Video found")
+    daemon.kill()
+    simulator.complains("beacon-sim: the daemon is gone, waiting for it\n")
+    assert simulator.end() == 1
+    assert simulator.err.read_text().endswith("beacon-sim: the daemon no longer takes frames\n")
 
 
 def test_a_file_is_played_once(board, start, watch, simulate, film):

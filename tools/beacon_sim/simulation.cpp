@@ -120,8 +120,7 @@ static void wait_and_handle(Simulation &simulation, int64_t until) {
 static void watch_daemon(const Simulation &simulation, int64_t now) {
     static bool was_refused;
     static bool was_ignored;
-    const SourceStreams &streams = simulation.streams;
-    const bool is_refused = streams.data.is_refused || streams.video.is_refused;
+    const bool is_refused = daemon_is_gone(simulation.streams);
     const bool is_ignored = simulation.order.has_video && now - simulation.feed.progress > silence;
     if (is_refused != was_refused) {
         complain(is_refused ? "the daemon is gone, waiting for it" : "the daemon is back");
@@ -138,13 +137,15 @@ static bool is_over(const Simulation &simulation) {
             (!simulation.order.has_video || feed_is_drained(simulation.feed)));
 }
 
-// When all is to end: an encoder that does not, and a daemon that does not take the last frames.
+// When all is to end: a daemon that does not take the last frames, and an encoder that goes on.
 static bool has_lost_patience(Simulation &simulation, int64_t now) {
     if (simulation.stop_since == 0) {
         return false;
     }
+    // Nothing is hoped for from a daemon that is gone.
+    const int64_t most = daemon_is_gone(simulation.streams) ? nanoseconds_per_second : patience;
     const int64_t progress = std::max(simulation.feed.progress, simulation.stop_since);
-    if (simulation.order.has_video && now - progress > patience) {
+    if (simulation.order.has_video && now - progress > most) {
         complain("the daemon no longer takes frames");
         simulation.is_failed = true;
         return true;

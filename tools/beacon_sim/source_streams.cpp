@@ -65,6 +65,10 @@ bool daemon_listens(SourceStreams &streams) {
     return true;
 }
 
+bool daemon_is_gone(const SourceStreams &streams) {
+    return streams.data.is_refused || streams.video.is_refused || streams.audio.is_refused;
+}
+
 void run_streams(SourceStreams &streams, int64_t now, uint64_t frames) {
     if (streams.has_telemetry && beat_is_due(streams.telemetry_beat, now)) {
         send_telemetry(streams, frames);

@@ -32,6 +32,9 @@ bool open_streams(SourceStreams &streams);
 // Does somebody listen? Asks with a datagram of the first stream that is wanted; true without any.
 bool daemon_listens(SourceStreams &streams);
 
+// Did nobody listen when something was last sent?
+bool daemon_is_gone(const SourceStreams &streams);
+
 // Sends what is due at `now`; `frames` is how many were published, for the telemetry.
 void run_streams(SourceStreams &streams, int64_t now, uint64_t frames);
 
