@@ -290,11 +290,14 @@ def test_a_second_signal_ends_the_waiting_for_the_last_frames(board, daemon, sim
         "beacon-sim: stopped before the daemon had taken every frame\n")
 
 
-def test_a_daemon_that_is_gone_takes_no_last_frames(daemon, simulate):
-    simulator = simulate(*SMALL)
+def test_a_daemon_that_is_gone_takes_no_last_frames(board, daemon, simulate):
+    simulator = simulate(*SMALL, "--record", "/tmp/record")
     daemon.wait_error("Video found")
     daemon.kill()
     simulator.complains("beacon-sim: the daemon is gone, waiting for it\n")
+    frames = board.path("/tmp/record/frames.bin")
+    length = frames.stat().st_size
+    wait_until(lambda: frames.stat().st_size > length, "a frame that nobody takes")
     assert simulator.end() == 1
     assert simulator.err.read_text().endswith("beacon-sim: the daemon no longer takes frames\n")
 
