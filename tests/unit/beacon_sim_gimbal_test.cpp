@@ -113,7 +113,8 @@ TEST(SourceCommand, IsReadFromTheDaemonsText) {
 }
 
 TEST(SourceCommand, IsNothingElse) {
-    for (const char *text : {"", "!", "{}", "!{", "!{\"cmd\":\"position\"", "!x{}"}) {
+    for (const char *text :
+         {"", "!", "{}", "!{", "!{\"cmd\":\"position\"", "!x{}", "!7", "!\"cmd\""}) {
         EXPECT_FALSE(parse_source_command(text)) << text;
     }
     EXPECT_EQ(printable(std::string_view("a\\ \n\0\xff~", 7)), "a\\x5c \\x0a\\x00\\xff~");

@@ -41,12 +41,13 @@ TEST(Record, KeepsWholeUnitsUpToItsSize) {
     record.keep = 5;
     add_to_record(record, {'a', 'b', 'c'}, 1000);
     add_to_record(record, {'d', 'e'}, 2000);
-    add_to_record(record, {'f'}, 3000);
+    add_to_record(record, {'f'}, 0x0102030405060708);
     ASSERT_TRUE(close_record(record, {1, 2, 3, 4.5}));
     EXPECT_EQ(contents(folder + "/published.h264"), "abcde");
     const std::string frames = contents(folder + "/frames.bin");
     ASSERT_EQ(frames.size(), 48U);
-    EXPECT_EQ(frames.substr(32), std::string("\xb8\x0b\0\0\0\0\0\0\x06\0\0\0\0\0\0\0", 16));
+    EXPECT_EQ(frames.substr(32),
+              std::string("\x08\x07\x06\x05\x04\x03\x02\x01\x06\0\0\0\0\0\0\0", 16));
     EXPECT_EQ(contents(folder + "/record.json"),
               R"({"telemetry": 1, "audio": 2, "commands": 3, "turned": 4.5, "frames": 3, )"
               R"("bytes": 6, "kept": 5, "sha256": ")" +
