@@ -202,7 +202,7 @@ def function_value(board, function):
 def test_a_stick_script_moves_the_gimbal(board, start, simulate):
     daemon = start(STICKS)
     board.write("/tmp/sticks", "0 ch1=1500 ch2=1500 ch17=1700 # both receivers\n"
-                               "0.2 ch1=1500\n0.8 ch1=1900\n1.2 ch1=1900\n1.2 ch1=1500 ch2=1250\n")
+                               "0.4 ch1=1500\n1.2 ch1=1900\n2 ch1=1900\n2 ch1=1500 ch2=1250\n")
     simulator = simulate(*BARE, "--no-telemetry", "--sticks", "/tmp/sticks",
                          "--record", "/tmp/record")
     seen = set()
