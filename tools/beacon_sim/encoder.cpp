@@ -50,11 +50,7 @@ static void append_input(std::vector<std::string> &list, const EncoderOrder &ord
                           std::to_string(order.height) + ":rate=" + std::to_string(order.rate)});
         return;
     }
-    append(list, {"-re"});
-    if (!order.is_once) {
-        append(list, {"-stream_loop", "-1"});
-    }
-    append(list, {"-i", "file:" + order.file});
+    append(list, {"-re", "-i", "file:" + order.file});
 }
 
 static void append_video(std::vector<std::string> &list, const EncoderOrder &order) {

@@ -9,8 +9,8 @@
 
 // What is wanted of it.
 struct EncoderOrder {
-    std::string file; // empty: a moving test picture with a clock
-    bool is_once = false;
+    std::string file;     // empty: a moving test picture with a clock
+    bool is_once = false; // else it is started anew whenever the file ends
     bool has_video = true;
     bool has_audio = false; // of the file
     unsigned width = 0;

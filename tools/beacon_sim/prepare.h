@@ -16,6 +16,7 @@ struct Simulation {
     Motion motion;
     Record record;
     bool has_record = false;
+    uint64_t played = 0; // frames and sounds of earlier rounds of the file
     int signals = -1;
     int64_t begin = 0;      // monotonic_ns; times in the output count from here
     int64_t stop_since = 0; // monotonic_ns; 0: it goes on

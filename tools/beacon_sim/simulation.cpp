@@ -60,6 +60,26 @@ static void read_keys(Simulation &simulation) {
     }
 }
 
+// Has the encoder given anything since it was last asked?
+static bool has_played(Simulation &simulation) {
+    const uint64_t before = simulation.played;
+    simulation.played = simulation.feed.frames + simulation.feed.too_long +
+                        simulation.feed.waiting.size() +
+                        (simulation.order.has_audio ? simulation.streams.audio.sent : 0);
+    return simulation.played != before;
+}
+
+// Starts the encoder on its file anew: not every file can be wound back while it plays.
+static bool play_again(Simulation &simulation) {
+    const EncoderOrder &order = simulation.order;
+    if (order.file.empty() || order.is_once || !has_played(simulation) ||
+        !start_encoder(simulation.encoder, order)) {
+        return false;
+    }
+    simulation.feed.is_ended = false;
+    return true;
+}
+
 // Once both its streams have ended, the encoder has.
 static void finish_streams(Simulation &simulation) {
     Encoder &encoder = simulation.encoder;
@@ -67,6 +87,9 @@ static void finish_streams(Simulation &simulation) {
         return;
     }
     const bool is_well = finish_encoder(encoder, false);
+    if (simulation.stop_since == 0 && is_well && play_again(simulation)) {
+        return;
+    }
     if (simulation.stop_since == 0 && !(simulation.order.is_once && is_well)) {
         complain("the encoder ended by itself");
         simulation.is_failed = true;
