@@ -24,7 +24,6 @@ from board import Board, Daemon, require_root, wait_until  # noqa: E402
 from checks import (CheckFailed, FrameTimes, check_whole, decode,  # noqa: E402
                     read_record, save_picture)
 from client import AUDIO, INFO, STATUS, VIDEO, Client, VideoFile  # noqa: E402
-from source import RATE, STICK_SECONDS  # noqa: E402
 
 MODEL = "Raspberry Pi 4 Model B"
 CONFIG = """device_name="Quillorbeacon demo"
@@ -36,8 +35,10 @@ automove_list="15,10,0,,,,,0,0,;-15,-10,0,,,,,0,0,"
 """
 PLAY = b'{"cmd":"updateconfig","param":"automovement","value":"setstate","value2":"1"}'
 CLIENT_HOST = "127.0.0.10"
+RATE = 30  # frames per second
+STICK_SECONDS = 4.0  # of beacon-sim's circling stick
 RECORD = "/tmp/camera"  # on the board
-KEEP = 1 << 28  # bytes of video kept in files, some nine minutes; --stay may go on for longer
+KEEP = 1 << 28  # bytes of video kept, as beacon-sim does: nine minutes; --stay may go on longer
 SHOW_INTERVAL = 0.5
 DRAIN_TIMEOUT = 3.0
 
@@ -125,12 +126,11 @@ class LiveLine:
             print()
 
 
-def start_camera(board, errors):
-    """Starts the source process on the board, with its standard error in a file."""
-    board.path(RECORD).mkdir()
+def start_camera(board, simulator, errors):
+    """Starts the simulated camera on the board, with its output in a file."""
     with open(errors, "wb") as stream:
-        return board.popen("/usr/bin/python3", "-B", REPOSITORY / "sim/source.py",
-                           "--record", RECORD, "--keep", str(KEEP), stdout=stream, stderr=stream)
+        return board.popen(simulator, "--rate", RATE, "--sticks", "circle", "--record", RECORD,
+                           stdin=subprocess.DEVNULL, stdout=stream, stderr=stream)
 
 
 def stop_camera(camera):
@@ -254,7 +254,7 @@ def run(arguments, scratch):
             viewer.client.start()
             # Registered before the camera starts, the client sees the stream from its first byte.
             daemon.wait_error("New client connected")
-            camera = start_camera(board, errors["camera"])
+            camera = start_camera(board, binary.with_name("beacon-sim"), errors["camera"])
             interrupted = threading.Event()
             for number in (signal.SIGINT, signal.SIGTERM):
                 signal.signal(number, lambda *_: interrupted.set())
@@ -288,7 +288,7 @@ def main():
     parser.add_argument("--seconds", type=float, default=10.0, help="how long (%(default)s)")
     parser.add_argument("--stay", action="store_true", help="until Ctrl-C")
     parser.add_argument("--binary", default=REPOSITORY / "build/release/quillorbeacon",
-                        help="the daemon (%(default)s)")
+                        help="the daemon; beacon-sim is beside it (%(default)s)")
     parser.add_argument("--output", default=REPOSITORY,
                         help="folder for demo.h264 and demo.png (%(default)s)")
     parser.add_argument("--verbose", action="store_true",

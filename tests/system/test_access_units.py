@@ -1,16 +1,11 @@
-"""The splitting of H.264 streams into access units, as the simulated camera does it."""
+"""The splitting of H.264 streams into access units, as beacon-sim does it."""
 
-import random
+import itertools
 import subprocess
-import sys
 
 import pytest
 
-from conftest import REPOSITORY
-
-sys.path.insert(0, str(REPOSITORY / "sim"))
-
-from access_units import AccessUnitSplitter  # noqa: E402
+from conftest import BUILD
 
 FRAMES = 23
 
@@ -39,20 +34,17 @@ def encode(options):
 
 
 @pytest.fixture(scope="module", params=STREAMS)
-def stream(request):
-    return encode(STREAMS[request.param])
+def stream(request, tmp_path_factory):
+    file = tmp_path_factory.mktemp("streams") / "stream.h264"
+    file.write_bytes(encode(STREAMS[request.param]))
+    return file
 
 
-def split(stream, sizes):
-    """Splits a stream that comes in pieces of sizes()."""
-    splitter = AccessUnitSplitter()
-    units = []
-    at = 0
-    while at < len(stream):
-        size = sizes()
-        units += splitter.push(stream[at:at + size])
-        at += size
-    return units + splitter.flush()
+def split(file, seed=1, largest=1000):
+    """The lengths of the units of a stream that comes in pieces of 1 to `largest` bytes."""
+    text = subprocess.run([BUILD / "tests/access_units_print", file, str(seed), str(largest)],
+                          check=True, stdout=subprocess.PIPE, timeout=60).stdout
+    return [int(line) for line in text.split()]
 
 
 def count_pictures(stream, tmp_path):
@@ -67,42 +59,18 @@ def count_pictures(stream, tmp_path):
     return [int(number) for number in text.stdout.strip().strip(",").split(",")]
 
 
-def test_units_are_the_stream(stream):
-    assert b"".join(split(stream, lambda: 4096)) == stream
-
-
-def test_one_unit_per_frame(stream):
-    assert len(split(stream, lambda: len(stream))) == FRAMES
-
-
-@pytest.mark.parametrize("seed", range(8))
-def test_piece_sizes_do_not_matter(stream, seed):
-    chosen = random.Random(seed)
-    largest = chosen.choice([2, 5, 50, 3000])
-    assert (split(stream, lambda: chosen.randint(1, largest))
-            == split(stream, lambda: len(stream)))
+def test_piece_sizes_do_not_matter(stream):
+    whole = split(stream, largest=1 << 20)
+    for seed, largest in enumerate((1, 2, 3, 5, 50, 700, 3000, 20000)):
+        assert split(stream, seed, largest) == whole
 
 
 def test_each_unit_is_one_picture(stream, tmp_path):
     """The stream cut before any unit holds as many pictures as it holds units."""
-    units = split(stream, lambda: 1000)
-    assert count_pictures(stream, tmp_path) == [FRAMES, FRAMES]
+    units = split(stream)
+    data = stream.read_bytes()
+    assert len(units) == FRAMES and sum(units) == len(data)
+    assert count_pictures(data, tmp_path) == [FRAMES, FRAMES]
+    ends = list(itertools.accumulate(units))
     for count in (1, 2, 5, FRAMES - 1):
-        assert count_pictures(b"".join(units[:count]), tmp_path) == [count, count]
-
-
-def test_unit_is_given_as_soon_as_the_next_begins():
-    stream = encode(STREAMS["delimiters"])
-    units = split(stream, lambda: len(stream))
-    splitter = AccessUnitSplitter()
-    # A delimiter is told by its start code, its type and one byte more.
-    assert splitter.push(units[0] + units[1][:5]) == []
-    assert splitter.push(units[1][5:6]) == [units[0]]
-
-
-def test_next_stream_after_flush():
-    stream = encode(STREAMS["plain"])
-    splitter = AccessUnitSplitter()
-    for _ in range(2):
-        assert b"".join(splitter.push(stream) + splitter.flush()) == stream
-    assert splitter.flush() == []
+        assert count_pictures(data[:ends[count - 1]], tmp_path) == [count, count]

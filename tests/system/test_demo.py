@@ -9,18 +9,17 @@ import subprocess
 import sys
 import time
 from pathlib import Path
+from types import SimpleNamespace
 
 import pytest
 
-from conftest import BINARY, REPOSITORY, wait_until
+from conftest import BINARY, REPOSITORY, Producer, wait_until
 
 sys.path.insert(0, str(REPOSITORY / "sim"))
 
 from checks import (CheckFailed, FrameTimes, check_whole, compare,  # noqa: E402
                     decode, png_size, save_picture)
 from client import Client, VideoFile  # noqa: E402
-from ring import (CAPACITY, HEADER_SIZE, RING_SIZE, SLOT_SIZE, SLOTS,  # noqa: E402
-                  FrameRing, RingError)
 
 
 def demo_command(output, *options):
@@ -121,7 +120,11 @@ def test_a_foreign_frame_is_noticed(start_demo, tmp_path):
     process = start_demo("--stay")
     wait_for_frames(process, tmp_path / "out")
     root = Path(f"/proc/{find(process, str(BINARY))}/root")
-    FrameRing(root / "dev/shm/quillorbeacon_framebuffer").publish(b"not from the camera")
+    producer = Producer(SimpleNamespace(path=lambda inside: root / inside.lstrip("/")))
+    while producer.is_ready(producer.next_slot):  # the camera's own
+        producer.next_slot = (producer.next_slot + 1) % 200
+    producer.identifier = 0x8000
+    producer.publish(b"not from the camera")
     time.sleep(0.3)
     process.send_signal(signal.SIGTERM)
     assert process.wait(60) == 1
@@ -247,74 +250,3 @@ def test_latency_is_that_of_the_last_piece(tmp_path):
     video.add(b"e" * 19, 9_000_000)
     times.update()
     assert times.frames == 2
-
-
-# The ring by itself.
-
-@pytest.fixture
-def ring_file(tmp_path):
-    path = tmp_path / "ring"
-    with open(path, "wb") as file:
-        file.truncate(RING_SIZE)
-        file.write(b"\1")
-    return path
-
-
-def read_slot(path, number):
-    """Length, identifier, ready flag and data of a slot."""
-    with open(path, "rb") as file:
-        file.seek(HEADER_SIZE + number * SLOT_SIZE)
-        header = file.read(18)
-        length = int.from_bytes(header[:4], "little")
-        return length, int.from_bytes(header[4:7], "little"), header[9], file.read(length)
-
-
-def write_at(path, offset, data):
-    with open(path, "r+b") as file:
-        file.seek(offset)
-        file.write(data)
-
-
-def test_frames_fill_slots_from_the_read_index(ring_file):
-    write_at(ring_file, 6, (199).to_bytes(2, "little"))
-    ring = FrameRing(ring_file)
-    ring.publish(b"first")
-    ring.publish(b"x" * CAPACITY)
-    assert read_slot(ring_file, 199) == (5, 1, 1, b"first")
-    assert read_slot(ring_file, 0) == (CAPACITY, 2, 1, b"x" * CAPACITY)
-    assert read_slot(ring_file, 1)[2] == 0
-
-
-def test_frames_of_an_earlier_producer_are_left_alone(ring_file):
-    for number in (0, 1):
-        write_at(ring_file, HEADER_SIZE + number * SLOT_SIZE + 9, b"\1")
-    assert FrameRing(ring_file).publish(b"mine", stopped=lambda: True) is not None
-    assert read_slot(ring_file, 1)[0] == 0
-    assert read_slot(ring_file, 2) == (4, 1, 1, b"mine")
-
-
-def test_a_full_ring_is_waited_for(ring_file):
-    ring = FrameRing(ring_file)
-    for number in range(SLOTS):
-        assert ring.publish(b"%d" % number, stopped=lambda: True) is not None
-    assert ring.publish(b"more", stopped=lambda: True) is None
-    assert read_slot(ring_file, 0)[3] == b"0"
-    assert not ring.wait_taken(0.01)
-    write_at(ring_file, HEADER_SIZE + 9, b"\0")
-    assert ring.publish(b"more", stopped=lambda: True) is not None
-    assert read_slot(ring_file, 0)[3] == b"more"
-
-
-def test_unfit_frames_and_rings_are_refused(ring_file, tmp_path):
-    ring = FrameRing(ring_file)
-    for frame in (b"", b"x" * (CAPACITY + 1)):
-        with pytest.raises(RingError):
-            ring.publish(frame)
-    with pytest.raises(RingError):
-        FrameRing(tmp_path / "none", timeout=0.05)
-    (tmp_path / "short").write_bytes(b"\1")  # created, but not yet of its size
-    with pytest.raises(RingError):
-        FrameRing(tmp_path / "short", timeout=0.05)
-    write_at(ring_file, 0, b"\0")
-    with pytest.raises(RingError):
-        FrameRing(ring_file, timeout=0.05)

@@ -1,0 +1,84 @@
+#include "encoder.h"
+#include "record.h"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+
+static std::string digest_of(const std::string &text, size_t piece) {
+    Sha256 sha;
+    for (size_t at = 0; at < text.size(); at += piece) {
+        add_to_sha256(sha, reinterpret_cast<const uint8_t *>(text.data()) + at,
+                      std::min(piece, text.size() - at));
+    }
+    return sha256_text(sha);
+}
+
+// The examples of FIPS 180.
+TEST(Sha256, GivesThePublishedDigests) {
+    EXPECT_EQ(digest_of("", 1), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+    EXPECT_EQ(digest_of("abc", 1),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(digest_of("abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq", 7),
+              "248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
+    EXPECT_EQ(digest_of(std::string(1000000, 'a'), 999),
+              "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
+}
+
+static std::string contents(const std::string &path) {
+    std::string text(1000, '\0');
+    FILE *file = fopen(path.c_str(), "rbe");
+    text.resize(file == nullptr ? 0 : fread(text.data(), 1, text.size(), file));
+    if (file != nullptr) {
+        fclose(file);
+    }
+    return text;
+}
+
+TEST(Record, KeepsWholeUnitsUpToItsSize) {
+    const std::string folder = ::testing::TempDir() + "/beacon-sim-record";
+    Record record;
+    ASSERT_TRUE(open_record(record, folder));
+    record.keep = 5;
+    add_to_record(record, {'a', 'b', 'c'}, 1000);
+    add_to_record(record, {'d', 'e'}, 2000);
+    add_to_record(record, {'f'}, 0x0102030405060708);
+    ASSERT_TRUE(close_record(record, {1, 2, 3, 4.5}));
+    EXPECT_EQ(contents(folder + "/published.h264"), "abcde");
+    const std::string frames = contents(folder + "/frames.bin");
+    ASSERT_EQ(frames.size(), 48U);
+    EXPECT_EQ(frames.substr(32),
+              std::string("\x08\x07\x06\x05\x04\x03\x02\x01\x06\0\0\0\0\0\0\0", 16));
+    EXPECT_EQ(contents(folder + "/record.json"),
+              R"({"telemetry": 1, "audio": 2, "commands": 3, "turned": 4.5, "frames": 3, )"
+              R"("bytes": 6, "kept": 5, "sha256": ")" +
+                  digest_of("abcdef", 6) + "\"}\n");
+}
+
+TEST(Record, SaysWhatCannotBeWritten) {
+    Record record;
+    ::testing::internal::CaptureStderr();
+    EXPECT_FALSE(open_record(record, "/proc/no-such-folder"));
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(),
+              "beacon-sim: cannot make /proc/no-such-folder: No such file or directory\n");
+}
+
+static bool holds(const std::vector<std::string> &list, std::initializer_list<std::string> part) {
+    return std::search(list.begin(), list.end(), part.begin(), part.end()) != list.end();
+}
+
+TEST(EncoderArguments, FollowTheOrder) {
+    EncoderOrder order{"", false, true, false, 640, 360, 25, 2000, 300000};
+    auto list = encoder_arguments(order);
+    EXPECT_TRUE(holds(list, {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=25"}));
+    EXPECT_TRUE(holds(list, {"-b:v", "2000k", "-maxrate", "2000k", "-bufsize", "1000k"}));
+    EXPECT_EQ(list.back(), "pipe:1");
+    order.bitrate = 50000; // half a second's bits would not fit into a slot
+    EXPECT_TRUE(holds(encoder_arguments(order), {"-bufsize", "1800k"}));
+    order.file = "-film.mp4";
+    order.has_audio = true;
+    list = encoder_arguments(order);
+    EXPECT_TRUE(holds(list, {"-re", "-i", "file:-film.mp4"}));
+    EXPECT_EQ(list.back(), "pipe:3");
+    order.has_video = false;
+    EXPECT_FALSE(holds(encoder_arguments(order), {"pipe:1"}));
+}

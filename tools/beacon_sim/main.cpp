@@ -1,0 +1,15 @@
+#include "options.h"
+#include "simulation.h"
+
+#include <cstdio>
+
+int main(int argc, char **argv) {
+    // A command is to be seen when it comes, also in a file or a pipe.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    Options options;
+    int status = 0;
+    if (!parse_options(argc, argv, options, status)) {
+        return status;
+    }
+    return run_simulation(options);
+}

@@ -1,0 +1,46 @@
+#pragma once
+
+#include "audio_format.h"
+#include "gimbal.h"
+#include "monotonic.h"
+#include "udp_link.h"
+
+#include <cstdint>
+#include <vector>
+
+// What a camera's source process exchanges with the daemon over UDP on the loopback: telemetry,
+// ten lines of text a second, which also keep the daemon sending commands back; sound; and, once a
+// second, a datagram that tells that there is video.
+struct SourceStreams {
+    bool has_telemetry = false;
+    bool has_audio = false;
+    bool has_video = false;
+    bool is_tone = true; // the sound is a tone of our own, not the encoder's
+    UdpLink data;
+    UdpLink video;
+    UdpLink audio;
+    Beat telemetry_beat{100 * nanoseconds_per_millisecond};
+    Beat presence_beat{nanoseconds_per_second};
+    Beat tone_beat{audio_interval_ms * nanoseconds_per_millisecond};
+    std::vector<uint8_t> samples; // of the encoder, less than a datagram
+    uint64_t commands = 0;        // taken from the daemon
+};
+
+// Opens the sockets of the streams that are wanted. False after a message.
+bool open_streams(SourceStreams &streams);
+
+// Does somebody listen? Asks with a datagram of the first stream that is wanted; true without any.
+bool daemon_listens(SourceStreams &streams);
+
+// Did nobody listen when something was last sent?
+bool daemon_is_gone(const SourceStreams &streams);
+
+// Sends what is due at `now`; `frames` is how many were published, for the telemetry.
+void run_streams(SourceStreams &streams, int64_t now, uint64_t frames);
+
+// Takes the commands that have come, prints each behind the time since `begin`, and has the gimbal
+// carry it out.
+void take_commands(SourceStreams &streams, Gimbal &gimbal, int64_t begin);
+
+// Reads the encoder's sound and sends it on. False at its end.
+bool read_sound(SourceStreams &streams, int fd);
