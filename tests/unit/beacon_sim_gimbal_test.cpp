@@ -1,7 +1,7 @@
 #include "gimbal.h"
 
 #include "automove/camera_state_layout.h"
-#include "base/text.h"
+#include "base/shared_memory.h"
 #include "rc/rc_block_layout.h"
 
 #include <cmath>
@@ -81,7 +81,8 @@ TEST(SimulatedGimbal, PassesOverWhatIsNoPose) {
 TEST(SimulatedGimbal, ReadsAndWritesTheSharedLayouts) {
     std::vector<uint8_t> block(rc_block_size, 0);
     for (size_t function = 0; function < rc_function_count; ++function) {
-        put_double(block.data() + rc_values_at + 8 * function, static_cast<double>(function) / 100);
+        store_whole(block.data() + rc_values_at + 8 * function,
+                    static_cast<double>(function) / 100);
     }
     double speeds[gimbal_axes];
     read_gimbal_speeds(block.data(), speeds);
@@ -92,7 +93,7 @@ TEST(SimulatedGimbal, ReadsAndWritesTheSharedLayouts) {
     gimbal.angles[0] = 12.34;
     gimbal.angles[1] = -12.36;
     gimbal.angles[2] = 180;
-    uint8_t state[camera_state_size];
+    alignas(8) uint8_t state[camera_state_size];
     write_camera_state(gimbal, state);
     const uint8_t expected[] = {123, 0, 0x84, 0xFF, 0x08, 0x07};
     EXPECT_EQ(std::vector<uint8_t>(state, state + 6), std::vector<uint8_t>(expected, expected + 6));

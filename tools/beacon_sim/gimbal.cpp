@@ -1,7 +1,7 @@
 #include "gimbal.h"
 
 #include "automove/camera_state_layout.h"
-#include "base/text.h"
+#include "base/shared_memory.h"
 #include "rc/rc_block_layout.h"
 
 #include <algorithm>
@@ -68,13 +68,13 @@ double widest_angle(const Gimbal &gimbal) {
 
 void read_gimbal_speeds(const uint8_t *rc_block, double *speeds) {
     for (size_t axis = 0; axis < gimbal_axes; ++axis) {
-        speeds[axis] =
-            get_double(rc_block + rc_values_at + (first_axis_function + axis) * sizeof(double));
+        speeds[axis] = load_whole<double>(rc_block + rc_values_at +
+                                          (first_axis_function + axis) * sizeof(double));
     }
 }
 
 static void put_angle(uint8_t *at, double degrees) {
-    put_u16(at, static_cast<uint16_t>(static_cast<int16_t>(std::lround(degrees * 10.0))));
+    store_whole(at, static_cast<int16_t>(std::lround(degrees * 10.0)));
 }
 
 void write_camera_state(const Gimbal &gimbal, uint8_t *state) {

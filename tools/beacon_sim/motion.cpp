@@ -1,21 +1,21 @@
 #include "motion.h"
 
 #include "base/clock.h"
-#include "base/text.h"
+#include "base/shared_memory.h"
 #include "rc/rc_block_layout.h"
 
 #include <algorithm>
 
 static void set_raw(const Motion &motion, int channel, uint16_t raw) {
-    put_u16(motion.rc_block + rc_channels_at + static_cast<size_t>(channel) * rc_channel_size +
-                channel_raw_at,
-            raw);
+    store_whole(motion.rc_block + rc_channels_at + static_cast<size_t>(channel) * rc_channel_size +
+                    channel_raw_at,
+                raw);
 }
 
 // After the values: the daemon reads them when the time of update is new. 0 would mean none.
 static void set_update_time(const Motion &motion, int receiver) {
-    put_u32(motion.rc_block + rc_update_at + static_cast<size_t>(receiver) * 4,
-            std::max(now_ms(), uint32_t{1}));
+    store_whole(motion.rc_block + rc_update_at + static_cast<size_t>(receiver) * 4,
+                std::max(now_ms(), uint32_t{1}));
 }
 
 static void move_by_script(const Motion &motion, double seconds) {

@@ -33,6 +33,7 @@ bool open_record(Record &record, const std::string &folder) {
     }
     // Who reads it meanwhile sees each frame at once.
     setvbuf(record.frames_file, nullptr, _IONBF, 0);
+    SHA256Init(&record.digest);
     return true;
 }
 
@@ -44,7 +45,7 @@ static void put_u64(uint8_t *at, uint64_t value) {
 void add_to_record(Record &record, const std::vector<uint8_t> &unit, int64_t published) {
     ++record.frames;
     record.length += unit.size();
-    add_to_sha256(record.digest, unit.data(), unit.size());
+    SHA256Update(&record.digest, unit.data(), unit.size());
     if (record.length <= record.keep) {
         fwrite(unit.data(), 1, unit.size(), record.video);
         record.kept = record.length;
@@ -61,7 +62,7 @@ static bool close_file(FILE *file) {
     return fclose(file) == 0 && is_good;
 }
 
-static bool write_totals(const Record &record, const RecordTotals &totals) {
+static bool write_totals(Record &record, const RecordTotals &totals) {
     // Under another name first: who sees the file sees it whole.
     const std::string path = record.folder + "/record.json";
     const std::string unfinished = path + ".part";
@@ -69,12 +70,14 @@ static bool write_totals(const Record &record, const RecordTotals &totals) {
     if (file == nullptr) {
         return false;
     }
+    char digest[SHA256_DIGEST_STRING_LENGTH];
+    SHA256End(&record.digest, digest);
     fprintf(file,
             "{\"telemetry\": %" PRIu64 ", \"audio\": %" PRIu64 ", \"commands\": %" PRIu64
             ", \"turned\": %.1f, \"frames\": %" PRIu64 ", \"bytes\": %" PRIu64
             ", \"kept\": %" PRIu64 ", \"sha256\": \"%s\"}\n",
             totals.telemetry, totals.audio, totals.commands, totals.turned, record.frames,
-            record.length, record.kept, sha256_text(record.digest).c_str());
+            record.length, record.kept, digest);
     return close_file(file) && rename(unfinished.c_str(), path.c_str()) == 0;
 }
 

@@ -1,9 +1,8 @@
 #pragma once
 
-#include "sha256.h"
-
 #include <cstdint>
 #include <cstdio>
+#include <sha2.h>
 #include <string>
 #include <vector>
 
@@ -26,7 +25,7 @@ struct Record {
     uint64_t frames = 0;
     uint64_t length = 0; // bytes published
     uint64_t kept = 0;   // bytes in published.h264
-    Sha256 digest;
+    SHA2_CTX digest;     // of the whole video
 };
 
 // What record.json says beside the video's totals.
