@@ -81,7 +81,7 @@ class Machine:
         """Runs a program on the machine to its end; its standard output and error."""
         done = subprocess.run(
             ["nsenter", f"--target={self.init}", "--mount", "--net", "--pid", "--ipc", "--uts",
-             "--cgroup", "--root", "--wd=/", "--", "/usr/bin/env", "-i", f"PATH={SYSTEM_PATH}",
+             "--cgroup", "--root", "--wdns=/", "--", "/usr/bin/env", "-i", f"PATH={SYSTEM_PATH}",
              "LANG=C.UTF-8", "DEBIAN_FRONTEND=noninteractive", *(str(c) for c in command)],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
             check=False, text=True, errors="replace")
