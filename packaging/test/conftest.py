@@ -93,19 +93,23 @@ def installed(machines, plain):
     return machine.disk, *plain
 
 
-def place_for(machines, request):
-    return machines / request.node.name.replace("[", "-").replace("]", "")
+@pytest.fixture
+def place(machines):
+    """A new folder for a machine to write to, removed again."""
+    made = machines / "machine"
+    yield made
+    shutil.rmtree(made)
 
 
 @pytest.fixture
-def bare(machines, plain, request):
+def bare(place, plain):
     """A machine without the packages."""
-    with Machine(place_for(machines, request), *plain) as machine:
+    with Machine(place, *plain) as machine:
         yield machine
 
 
 @pytest.fixture
-def machine(machines, installed, request):
+def machine(place, installed):
     """A machine with the packages installed."""
-    with Machine(place_for(machines, request), *installed) as made:
+    with Machine(place, *installed) as made:
         yield made
