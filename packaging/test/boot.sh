@@ -30,4 +30,4 @@ pivot_root . mnt/host
 umount -l /mnt/host
 exec setpriv --inh-caps=-all \
     --bounding-set=-sys_boot,-sys_module,-sys_time,-sys_rawio,-mknod,-syslog,-audit_control \
-    env -i container=test PATH=/usr/sbin:/usr/bin /lib/systemd/systemd --log-target=console
+    env -i container=test PATH=/usr/sbin:/usr/bin /lib/systemd/systemd

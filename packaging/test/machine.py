@@ -89,6 +89,9 @@ class Machine:
             raise AssertionError(f"{command}: status {done.returncode}\n{done.stdout}")
         return done.stdout
 
+    def kill(self, pid):
+        self.run("sh", "-c", f"kill -9 {pid}")
+
     def show(self, unit, field):
         """A property of a unit, as text."""
         return self.run("systemctl", "show", "--value", f"--property={field}", unit).strip()
