@@ -22,7 +22,6 @@ mount -t devpts -o newinstance,ptmxmode=666,mode=620 devpts "$root/dev/pts"
 ln -s pts/ptmx "$root/dev/ptmx"
 
 ip link set lo up
-ip link add eth0 type veth peer name cable 2> /dev/null || true
 
 mkdir -p "$root/mnt/host"
 cd "$root"
