@@ -115,9 +115,9 @@ static double highest_rate(const Plan &plan, SubjectKind kind) {
     return found;
 }
 
-// The share of one core that the daemon uses with ten clients and nothing to relay.
-static double idle_share(const Plan &plan) {
-    Bench bench = set_up(plan, SubjectKind::daemon, most_clients);
+// The share of one core that a relay uses with ten clients and nothing to relay.
+static double idle_share(const Plan &plan, SubjectKind kind) {
+    Bench bench = set_up(plan, kind, most_clients);
     const int64_t start_ns = monotonic_ns();
     const CpuTime before = cpu_time(bench.subject);
     sleep(plan.idle_seconds);
@@ -125,7 +125,7 @@ static double idle_share(const Plan &plan) {
     const double elapsed_us = static_cast<double>(monotonic_ns() - start_ns) / 1e3;
     tear_down(bench);
     const double share = (after.total_us - before.total_us) / elapsed_us;
-    fprintf(stderr, "idle  daemon %.2f %% of a core\n", share * 100);
+    fprintf(stderr, "idle  %-6s %.2f %% of a core\n", subject_name(kind), share * 100);
     return share;
 }
 
@@ -150,7 +150,11 @@ static Samples measure_all(const Plan &plan) {
             samples.highest_rate[static_cast<int>(kind)].push_back(highest_rate(plan, kind));
         }
     }
-    samples.idle_share = idle_share(plan);
+    for (int round = 0; round < plan.rounds; ++round) {
+        for (const SubjectKind kind : kinds) {
+            samples.idle_share[static_cast<int>(kind)].push_back(idle_share(plan, kind));
+        }
+    }
     return samples;
 }
 

@@ -22,7 +22,7 @@ struct Samples {
     std::vector<CaseSamples> cases;
     Load rate_load;
     std::vector<double> highest_rate[subject_kinds]; // datagrams a second
-    double idle_share;                               // of one core, of the daemon
+    std::vector<double> idle_share[subject_kinds];   // of one core, with ten clients
     uint64_t private_bytes;                          // the most the daemon had
 };
 

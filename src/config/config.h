@@ -15,7 +15,7 @@ constexpr int restream_capacity = 10;
 
 // The receivers of raw video, parsed from `stream_udp_clients`.
 struct RestreamClients {
-    // Where each entry sends to, as udp_destination packs it; 0 when the host is no dotted address.
+    // Where each entry sends to, as ipv4_port packs it; 0 when the host is no dotted address.
     Relaxed<uint64_t> destinations[restream_capacity];
     Relaxed<int32_t> count;
 };

@@ -8,6 +8,7 @@
 // The relay packet: the one framed datagram format between the daemon and its clients, in both
 // directions. Numbers are little-endian. A datagram is the header and as many payload bytes as it
 // says. Clients' datagrams are told by the magic alone; the rest of their header is not read.
+// docs/protocol.md describes the payloads.
 
 // Offsets in the header.
 constexpr size_t relay_magic_at = 0;    // u8, relay_magic

@@ -5,7 +5,7 @@
 // The shared radio-control block: the RC reader process writes raw channel values and the time of
 // its last update into it, the daemon keeps each channel's calibration there and publishes what the
 // sticks mean. 1504 bytes, little-endian numbers; each field is read and written as a whole, and
-// nothing is locked.
+// nothing is locked. docs/source-protocol.md tells the reader process what to do.
 
 constexpr const char *rc_block_name = "/shared_rc_raw";
 constexpr size_t rc_block_size = 1504;
