@@ -2,6 +2,8 @@
 
 #include <sys/statvfs.h>
 
+static_assert(sizeof(fsblkcnt_t) == 8); // on a 32-bit board too, or a large disk is an error
+
 uint32_t free_megabytes(const char *path) {
     struct statvfs status {};
     if (statvfs(path, &status) != 0) {

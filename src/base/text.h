@@ -19,29 +19,33 @@ int32_t parse_number(const char *text);
 // The same for a hexadecimal text, with or without "0x".
 int32_t parse_hexadecimal(const char *text);
 
-// Little-endian numbers at any address.
-constexpr void put_u16(uint8_t *at, uint16_t value) {
-    at[0] = static_cast<uint8_t>(value & 0xFF);
-    at[1] = static_cast<uint8_t>(value >> 8);
-}
-
-constexpr void put_u32(uint8_t *at, uint32_t value) {
-    put_u16(at, static_cast<uint16_t>(value & 0xFFFF));
-    put_u16(at + 2, static_cast<uint16_t>(value >> 16));
-}
-
-constexpr uint16_t get_u16(const uint8_t *at) {
-    return static_cast<uint16_t>(at[0] | (at[1] << 8));
-}
-
-constexpr uint32_t get_u32(const uint8_t *at) {
-    return get_u16(at) | (static_cast<uint32_t>(get_u16(at + 2)) << 16);
-}
-
-// Doubles of shared memory, whose layouts are little-endian as all the boards are. Copied in one
-// go, so that another process does not see half of one.
+// Little-endian numbers at any address, as all the boards have them. Each is copied in one go, so
+// that a process that shares the memory does not see half of one; byte by byte it would on ARM.
 static_assert(std::endian::native == std::endian::little);
 
+inline void put_u16(uint8_t *at, uint16_t value) {
+    std::memcpy(at, &value, sizeof value);
+}
+
+inline void put_u32(uint8_t *at, uint32_t value) {
+    std::memcpy(at, &value, sizeof value);
+}
+
+inline uint16_t get_u16(const uint8_t *at) {
+    uint16_t value = 0;
+    std::memcpy(&value, at, sizeof value);
+    return value;
+}
+
+inline uint32_t get_u32(const uint8_t *at) {
+    uint32_t value = 0;
+    std::memcpy(&value, at, sizeof value);
+    return value;
+}
+
+// Doubles of shared memory. A 32-bit processor copies the two halves one after the other: who looks
+// in between sees a number that is within a millionth of the old or the new one, because sign,
+// exponent and the first 20 bits are in one half.
 inline void put_double(uint8_t *at, double value) {
     std::memcpy(at, &value, sizeof value);
 }

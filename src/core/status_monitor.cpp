@@ -15,6 +15,7 @@
 #include "rc/rc_block_layout.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -133,7 +134,10 @@ static int32_t number_in(const char *path) {
     return parse_number(file_text(path, number_size).c_str());
 }
 
-static uint32_t seconds_since(int32_t timestamp) {
+// The age of the time that a file begins with, which parse_number would cut in the year 2038; 0
+// without one.
+static uint32_t seconds_since(const char *path) {
+    const long long timestamp = strtoll(file_text(path, number_size).c_str(), nullptr, 10);
     if (timestamp == 0) {
         return 0;
     }
@@ -222,7 +226,7 @@ void poll_status() {
     status.video_present = video_present();
     status.rtmp_number = number_in("/run/quillorbeacon/rtmp-streamer.info");
     status.rtsp_number = number_in("/run/quillorbeacon/rtsp-server.info");
-    status.srt_seconds = seconds_since(number_in("/tmp/srt-client-connect-timestamp"));
+    status.srt_seconds = seconds_since("/tmp/srt-client-connect-timestamp");
     status.recorder_number = number_in("/run/quillorbeacon/recorder.info");
     status.millidegrees = number_in("/sys/class/thermal/thermal_zone0/temp");
     if (states_block() != nullptr) {

@@ -16,6 +16,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+static_assert(sizeof(off_t) == 8); // on a 32-bit board too, or a large file cannot be opened
+
 constexpr uint32_t idle_period_us = 30000;
 constexpr uint32_t busy_period_us = 100; // while a transfer is in progress
 constexpr uint32_t busy_turns = 50000;   // some ten seconds: then the client has gone

@@ -293,3 +293,11 @@ def test_a_file_larger_than_its_size_can_tell(board, daemon, client):
     assert FINISHED not in daemon.errors()
     assert get(client, "/run/f", 2**31 - 10) == (2**31 - 10, 2**31 - 1, bytes(PIECE))
     daemon.wait_error(FINISHED)
+
+
+def test_a_file_from_after_2038(board, daemon, client):
+    path = board.write("/run/f", "head")
+    os.utime(path, (2**33, 2**33))
+    assert path.stat().st_mtime == 2**33
+    assert get(client, "/run/f") == (0, 4, b"head")
+    daemon.wait_error(FINISHED)

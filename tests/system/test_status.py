@@ -252,6 +252,15 @@ def test_seconds_since_the_srt_client_connected(board, start, viewer, age):
     assert 0 <= (seconds - age) % 2**32 <= int(time.time()) - begin
 
 
+def test_a_stamp_from_after_2038(board, start, viewer):
+    display = viewer()
+    now = int(time.time())
+    board.write(SRT_STAMP, f"{2**32 + now - 500}\n")
+    start(QUIET)
+    seconds = number_at(next_record(display), 27)
+    assert 0 <= seconds - 500 <= int(time.time()) - now
+
+
 def test_seconds_since_the_srt_client_connected_go_on(board, start, viewer):
     display = viewer()
     board.write(SRT_STAMP, f"{int(time.time()) - 1000}")

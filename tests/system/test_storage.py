@@ -193,6 +193,13 @@ def test_the_setting_is_followed(board, start, viewer, make_client, disk):
     wait_record(display, lambda record: storage(record) == (2, 104), "the automatic choice")
 
 
+def test_a_disk_of_more_than_32_bits_of_blocks(board, start, viewer):
+    display = viewer()
+    mount(board, "20t", "/mnt")
+    start("recording_place=1\n")
+    assert storage(next_record(display)) == (1, 20 * 2**40 // 10**6)
+
+
 def test_free_space_is_what_is_left(board, start, viewer):
     display = viewer()
     mount(board, "100m", "/mnt")

@@ -19,6 +19,11 @@ TEST(Clock, WrapsModulo32Bits) {
               static_cast<uint32_t>(1790000000ULL * 1000 + 5));
 }
 
+TEST(Clock, GoesOnAfter2038) {
+    EXPECT_EQ(milliseconds_of({0x7FFFFFFF, 999000000}) + 1, milliseconds_of({0x80000000, 0}));
+    EXPECT_EQ(milliseconds_of({0x100000001, 7000000}), 1007U); // 2^32 s are whole turns of 2^32 ms
+}
+
 TEST(PeerLoss, IsStrictlyAfterTheTimeout) {
     EXPECT_FALSE(udp_peer_is_lost(5000, 5000, 1000));
     EXPECT_FALSE(udp_peer_is_lost(5000, 6000, 1000));

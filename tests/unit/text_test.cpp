@@ -4,9 +4,11 @@
 #include "base/shell.h"
 
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
 
 TEST(CopyText, CutsToTheFieldAndEndsIt) {
     char field[5] = {'x', 'x', 'x', 'x', 'x'};
@@ -50,7 +52,7 @@ TEST(ParseNumber, SaturatesAt32Bits) {
     EXPECT_EQ(parse_number("-99999999999999999999999"), -2147483647 - 1);
 }
 
-TEST(LittleEndian, GoesByteByByteAtAnyAddress) {
+TEST(LittleEndian, LowByteFirstAtAnyAddress) {
     std::array<uint8_t, 8> bytes{};
     put_u32(bytes.data() + 1, 0x12345678);
     EXPECT_EQ(bytes, (std::array<uint8_t, 8>{0, 0x78, 0x56, 0x34, 0x12, 0, 0, 0}));
@@ -62,6 +64,41 @@ TEST(LittleEndian, GoesByteByByteAtAnyAddress) {
     put_u32(bytes.data(), 0xFFFFFFFFU);
     EXPECT_EQ(get_u32(bytes.data()), 0xFFFFFFFFU);
 }
+
+#ifndef __SANITIZE_THREAD__ // which would rightly call it a race
+// Numbers of shared memory have no lock: who looks must find the old one or the new one.
+[[gnu::noipa]] static void write_both(uint8_t *at, uint32_t value) {
+    put_u16(at, static_cast<uint16_t>(value));
+    put_u32(at + 4, value);
+}
+
+[[gnu::noipa]] static bool is_half(const uint8_t *at) {
+    const uint16_t short_number = get_u16(at);
+    const uint32_t number = get_u32(at + 4);
+    return (short_number != 0 && short_number != 0xFFFF) || (number != 0 && number != 0xFFFFFFFFU);
+}
+
+TEST(LittleEndian, NobodySeesHalfOfANumber) {
+    alignas(8) static uint8_t shared[8];
+    static std::atomic<bool> writes;
+    static std::atomic<bool> done;
+    std::thread writer([] {
+        writes = true;
+        for (uint32_t i = 0; !done; ++i) {
+            write_both(shared, -(i & 1));
+        }
+    });
+    while (!writes) {
+    }
+    int halves = 0;
+    for (int i = 0; i < 10000000; ++i) {
+        halves += is_half(shared) ? 1 : 0;
+    }
+    done = true;
+    writer.join();
+    EXPECT_EQ(halves, 0);
+}
+#endif
 
 static std::string word_of(const char *value, size_t size = 200) {
     std::string word(size, 'x');
