@@ -44,12 +44,20 @@ class Machine:
         self._holder = subprocess.Popen(
             ["unshare", "--mount", HERE / "machine.sh", self.place,
              ":".join(str(layer) for layer in layers)], stdin=subprocess.PIPE)
-        self.wait_booted()
+        try:
+            self.wait_booted()
+        except BaseException:
+            self.close()
+            raise
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        """Cuts its power and takes it down."""
         self._holder.stdin.close()
         self._holder.wait()
 
@@ -67,7 +75,7 @@ class Machine:
             state = self.run("systemctl", "is-system-running", check=False)
             return state.strip() in ("running", "degraded")
 
-        wait_until(booted, "the machine is up")
+        wait_until(booted, "the machine is up", interval=0.1)
 
     def wait_rebooted(self, old_init):
         wait_until(lambda: self.init not in (0, old_init), "the machine reboots")
@@ -101,7 +109,8 @@ class Machine:
 
     def socket(self):
         """A UDP socket on the machine's network."""
-        with open("/proc/self/ns/net", "rb") as home, open(f"/proc/{self.init}/ns/net", "rb") as net:
+        machines = f"/proc/{self.init}/ns/net"
+        with open("/proc/self/ns/net", "rb") as home, open(machines, "rb") as net:
             _libc.setns(net.fileno(), CLONE_NEWNET)
             try:
                 made = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
