@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cjson/cJSON.h>
 #include <cstdio>
-#include <cstring>
 #include <initializer_list>
 
 // The mapping; set once, by whoever comes first: start-up or the RC loop.
@@ -51,14 +50,16 @@ void clear_rc_calibration(uint8_t *block) {
         store_whole<uint16_t>(channel + channel_min_at, 0);
         store_whole<uint16_t>(channel + channel_max_at, 0);
         store_whole<uint16_t>(channel + channel_center_at, 0);
-        channel[channel_invert_at] = 0;
+        store_whole<uint8_t>(channel + channel_invert_at, 0);
         store_whole(channel + channel_value_at, 0.0);
-        channel[channel_function_at] = 0;
+        store_whole<uint8_t>(channel + channel_function_at, 0);
         store_whole<uint16_t>(channel + channel_dead_band_at, 0);
         store_whole<uint16_t>(channel + channel_limit_at, 0);
-        channel[channel_enable_at] = 0;
+        store_whole<uint8_t>(channel + channel_enable_at, 0);
     }
-    memset(block + rc_values_at, 0, rc_function_count * sizeof(double));
+    for (int i = 0; i < rc_function_count; ++i) {
+        store_whole(block + rc_values_at + i * sizeof(double), 0.0);
+    }
 }
 
 // A field of the channel record that the JSON text can set, and whether it has one byte or two.
@@ -82,7 +83,7 @@ static void load_channel(uint8_t *channel, const cJSON *element) {
             continue;
         }
         if (field.is_byte) {
-            channel[field.offset] = static_cast<uint8_t>(item->valueint);
+            store_whole<uint8_t>(channel + field.offset, static_cast<uint8_t>(item->valueint));
         } else {
             store_whole<uint16_t>(channel + field.offset, static_cast<uint16_t>(item->valueint));
         }
@@ -128,10 +129,13 @@ static std::string live_channel(const uint8_t *channel, int /*number*/) {
         load_whole<uint16_t>(channel + channel_raw_at),
         load_whole<uint16_t>(channel + channel_min_at),
         load_whole<uint16_t>(channel + channel_max_at),
-        load_whole<uint16_t>(channel + channel_center_at), channel[channel_invert_at],
+        load_whole<uint16_t>(channel + channel_center_at),
+        load_whole<uint8_t>(channel + channel_invert_at),
         load_whole<double>(channel + channel_value_at),
-        load_whole<uint16_t>(channel + channel_dead_band_at), channel[channel_enable_at],
-        load_whole<uint16_t>(channel + channel_limit_at), channel[channel_function_at]);
+        load_whole<uint16_t>(channel + channel_dead_band_at),
+        load_whole<uint8_t>(channel + channel_enable_at),
+        load_whole<uint16_t>(channel + channel_limit_at),
+        load_whole<uint8_t>(channel + channel_function_at));
     return text;
 }
 
@@ -145,9 +149,12 @@ static std::string stored_channel(const uint8_t *channel, int number) {
              R"({"ch":%d,"min":%d,"max":%d,"c":%d,"i":%d,"e":%d,"d":%d,"l":%d,"f":%d})", number,
              load_whole<uint16_t>(channel + channel_min_at),
              load_whole<uint16_t>(channel + channel_max_at),
-             load_whole<uint16_t>(channel + channel_center_at), channel[channel_invert_at],
-             channel[channel_enable_at], load_whole<uint16_t>(channel + channel_dead_band_at),
-             load_whole<uint16_t>(channel + channel_limit_at), channel[channel_function_at]);
+             load_whole<uint16_t>(channel + channel_center_at),
+             load_whole<uint8_t>(channel + channel_invert_at),
+             load_whole<uint8_t>(channel + channel_enable_at),
+             load_whole<uint16_t>(channel + channel_dead_band_at),
+             load_whole<uint16_t>(channel + channel_limit_at),
+             load_whole<uint8_t>(channel + channel_function_at));
     return text;
 }
 
@@ -175,7 +182,7 @@ static bool is_receiver(int receiver) {
 // Sets the receiver's state byte; nothing for a receiver that does not exist.
 static void set_state_byte(int receiver, RcState state) {
     if (is_receiver(receiver) && rc_block() != nullptr) {
-        rc_block()[rc_state_at + static_cast<size_t>(receiver)] = state;
+        store_whole<uint8_t>(rc_block() + rc_state_at + receiver, state);
     }
 }
 

@@ -38,7 +38,7 @@ static void watch_receiver(uint8_t *block, int receiver, const char *channels, u
     uint32_t update_time = load_whole<uint32_t>(update_field);
     const uint32_t now = clock();
     if (update_time != 0 && !present) {
-        *state_byte = rc_present;
+        store_whole<uint8_t>(state_byte, rc_present);
         present = true;
         fprintf(stderr, "RC%d found\n", receiver + 1);
         load_rc_channels(block, receiver, channels);
@@ -48,12 +48,12 @@ static void watch_receiver(uint8_t *block, int receiver, const char *channels, u
         store_whole<uint32_t>(update_field, 0);
     }
     if (update_time == 0 && present) {
-        *state_byte = rc_absent;
+        store_whole<uint8_t>(state_byte, rc_absent);
         present = false;
         lose_receiver(block, receiver);
     }
-    if (*state_byte == rc_absent && update_time != 0) {
-        *state_byte = rc_present;
+    if (load_whole<uint8_t>(state_byte) == rc_absent && update_time != 0) {
+        store_whole<uint8_t>(state_byte, rc_present);
     }
 }
 
@@ -103,7 +103,7 @@ static double scale_to_limit(uint8_t *channel, double value) {
 
 static void evaluate_channel(uint8_t *channel, bool is_calibrating, FunctionValues &functions) {
     const uint16_t raw = load_whole<uint16_t>(channel + channel_raw_at);
-    const int function = channel[channel_function_at];
+    const int function = load_whole<uint8_t>(channel + channel_function_at);
     const bool is_known = function < rc_function_count;
     if (is_calibrating) {
         widen_calibration(channel, raw);
@@ -115,7 +115,7 @@ static void evaluate_channel(uint8_t *channel, bool is_calibrating, FunctionValu
         return;
     }
     double value = deflection(channel, raw);
-    if (channel[channel_invert_at] != 0) {
+    if (load_whole<uint8_t>(channel + channel_invert_at) != 0) {
         value = -value;
     }
     value = std::clamp(scale_to_limit(channel, value), -1.0, 1.0);
@@ -127,7 +127,8 @@ static void evaluate_channel(uint8_t *channel, bool is_calibrating, FunctionValu
 
 static void evaluate_channels(uint8_t *block, FunctionValues &functions) {
     for (int i = 0; i < rc_channel_count; ++i) {
-        const uint8_t state = block[rc_state_at + i / rc_channels_per_receiver];
+        const uint8_t state =
+            load_whole<uint8_t>(block + rc_state_at + i / rc_channels_per_receiver);
         evaluate_channel(rc_channel(block, i), state == rc_calibrating, functions);
     }
     for (int i = 0; i < rc_function_count; ++i) {
