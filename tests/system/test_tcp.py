@@ -250,13 +250,14 @@ def test_a_client_that_never_reads_costs_two_seconds_per_block(daemon, connect, 
     expected = stall(connection, producer, udp_client)
     waits = []
     last = None
-    while len(waits) < 2:
+    # The client's kernel may still find room for a few blocks; then each has to wait.
+    while len(waits) < 20 and not (len(waits) > 1 and all(1.5 < w < 2.8 for w in waits[-2:])):
         expected -= len(udp_client.receive_type(1)[2])
         now = time.monotonic()
         if last is not None:
             waits.append(now - last)
         last = now
-    assert all(1.5 < wait < 2.8 for wait in waits), waits
+    assert all(1.5 < wait < 2.8 for wait in waits[-2:]), waits
     connection.close()
     began = time.monotonic()
     assert receive_video(udp_client, expected) == bytes(expected)

@@ -21,8 +21,9 @@ static void set_update_time(const Motion &motion, int receiver) {
 static void move_by_script(const Motion &motion, double seconds) {
     bool is_used[rc_receiver_count] = {};
     for (int i = 0; i < stick_channel_count; ++i) {
-        if (!motion.script.channels[i].empty()) {
-            set_raw(motion, i, stick_raw_value(motion.script.channels[i], seconds));
+        if (!motion.script.channels[static_cast<size_t>(i)].empty()) {
+            set_raw(motion, i,
+                    stick_raw_value(motion.script.channels[static_cast<size_t>(i)], seconds));
             is_used[i / rc_channels_per_receiver] = true;
         }
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -27,8 +28,9 @@ struct StickPoint {
 };
 
 struct StickScript {
-    std::vector<StickPoint> channels[stick_channel_count]; // empty: the channel is left alone
-    double seconds = 0.0;                                  // the last time in it
+    // One without points is left alone.
+    std::array<std::vector<StickPoint>, stick_channel_count> channels;
+    double seconds = 0.0; // the last time in it
 };
 
 // Reads a script. Returns an empty text, or what is wrong with it and in which line.
