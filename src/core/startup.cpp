@@ -6,6 +6,7 @@
 #include "base/process_end.h"
 #include "base/shell.h"
 #include "config/config.h"
+#include "config/loader.h"
 #include "config/wired_address.h"
 #include "core/gpio.h"
 #include "media/audio_source.h"

@@ -1,4 +1,4 @@
-#include "config/config.h"
+#include "config/loader.h"
 
 #include "base/ipv4.h"
 #include "config/config_keys.h"

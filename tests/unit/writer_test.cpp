@@ -1,6 +1,7 @@
 #include "config/writer.h"
 
 #include "config/config_keys.h"
+#include "config/loader.h"
 
 #include <algorithm>
 #include <cstdio>
