@@ -4,11 +4,15 @@ The daemon under test is $QUILLORBEACON_BUILD/quillorbeacon, build/release by de
 """
 
 import os
+import signal
 import sys
 import time
 from pathlib import Path
 
 import pytest
+
+# Run by a script in the background, the programs would inherit a Ctrl-C that is ignored.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(REPOSITORY / "board"))
