@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-from commands import (BOOT_FILE, SAVE, Console, hold, log_lines, parse_settings, release,
+from commands import (BOOT_FILE, SAVE, Console, hold, install, log_lines, parse_settings, release,
                       update_text)
 from conftest import CONFIG, wait_until
 from expected_file import ALL, LAYOUT, file_text
@@ -261,6 +261,53 @@ def test_a_second_save_waits_for_the_first(board, two):
     first, second = (part.start() for part in re.finditer("Saving config\n", errors))
     assert first < errors.index("Config busy, waiting...\n")
     assert errors.rindex("Config busy, waiting...\n") < second
+
+
+# A `cat` that waits as a stand-in does, and then is `cat`.
+HOLDING_CAT = b"""#!/sys/board/sh
+while [ -e /tmp/hold/cat ]; do sleep 0.02; done
+exec /usr/bin/cat "$@"
+"""
+
+
+@pytest.mark.parametrize("tool, done", [("umount", 2), ("cat", 4)])
+def test_a_second_save_waits_for_the_last_command_of_the_first(board, two, tool, done):
+    hold(board, tool)
+    if tool == "cat":
+        install(board, "/sys/board/bin/cat", HOLDING_CAT)
+    two.send("osd", "enabled", "1")
+    wait_until(lambda: len(saves_in_log(board)) == done, "the first file")
+    from_source(two, "osd", "borders", "2")
+    two.daemon.wait_error("Config busy, waiting...\n", 4)
+    assert saves_in_log(board) == SAVE[:done]
+    assert two.daemon.errors().count("Saving config\n") == 1
+    assert two.boot_file() == file_text(osd_enabled="1")
+    release(board, tool)
+    wait_until(lambda: len(saves_in_log(board)) == 8, "both saves")
+    assert saves_in_log(board) == SAVE + SAVE
+    last = file_text(osd_enabled="1", osd_borders="2")
+    assert two.boot_file() == last
+    wait_until(lambda: board.path(CONFIG).read_bytes() == last.replace(b"\r\n", b"\n"), "the copy")
+
+
+def test_values_are_read_when_the_save_before_is_done(board, run):
+    board.write("/run/gpio/4", "1")
+    console = run("recording_gpio=4\n")
+    console.source = board.socket(bind=("127.0.0.50", 0))
+    hold(board, "mount")
+    console.send("osd", "enabled", "1")
+    wait_until(lambda: SAVE[0] in saves_in_log(board), "the first save")
+    from_source(console, "osd", "borders", "2")
+    console.daemon.wait_error("Config busy, waiting...\n")
+    # The trigger changes a setting on the main thread, which does not save it.
+    board.write("/run/gpio/4", "0")
+    marker = "sh -c touch /run/quillorbeacon/recorder-enabled"
+    wait_until(lambda: marker in log_lines(board), "the trigger")
+    assert console.daemon.errors().count("Saving config\n") == 1
+    release(board, "mount")
+    wait_until(lambda: saves_in_log(board).count(SAVE[3]) == 2, "both saves")
+    assert console.boot_file() == file_text(recording_gpio="4", osd_enabled="1", osd_borders="2",
+                                            recording_enabled="1")
 
 
 def test_values_are_read_before_the_boot_partition_is_mounted(board, two):
