@@ -1,11 +1,12 @@
 """How values are read: missing ones, numbers, long texts, unknown and missing params."""
 
 import json
+from pathlib import Path
 
 import pytest
 
 from commands import BOOT_FILE, SAVE, Console, log_lines, parse_settings, update_text
-from conftest import Producer, wait_until
+from conftest import SANITIZERS, Producer, wait_until
 from expected_file import ALL, file_text
 
 EMPTY = parse_settings(file_text())
@@ -236,3 +237,34 @@ def test_values_may_come_in_any_order_and_with_other_members(console):
     console.send_text(b'{"value3":"1.2.3.4","x":[1,{}],"value2":"5.6.7.8","param":"ethernet",'
                       b'"value":"0","cmd":"updateconfig","value17":"9"}')
     assert console.changes(EMPTY) == {"eth_static_ip": "5.6.7.8", "eth_static_mask": "1.2.3.4"}
+
+
+# Each is a tree of some 9000 parts, more than half a megabyte, from one datagram.
+LARGE = {
+    "update": b'{"cmd":"updateconfig","param":"nothing","x":[%s0]}' % (b"[]," * 9000),
+    "unknown": b'{"cmd":"nothing","x":[%s0]}' % (b"[]," * 9000),
+    "channels": b'{"cmd":"rc","param":"set-config","value":"0","value2":"[%s0]"}' % (b"{}," * 9000),
+}
+# Of the sanitizer, which keeps freed memory for a while.
+AT_ONCE = {"ASAN_OPTIONS": SANITIZERS["ASAN_OPTIONS"]
+           + ":quarantine_size_mb=0:thread_local_quarantine_size_kb=0"}
+
+
+@pytest.mark.parametrize("kind", LARGE)
+def test_commands_leave_no_memory_behind(start, make_client, kind):
+    daemon, client = start(env=AT_ONCE), make_client()
+
+    def carry_out(count):
+        for _ in range(count):
+            client.send(LARGE[kind])
+            client.ask_info()  # answered when the command is done
+            client.receive(30.0)
+
+    def used():
+        status = Path(f"/proc/{daemon.pid}/status").read_text()
+        return int(status.split("RssAnon:")[1].split()[0])
+
+    carry_out(3)
+    before = used()
+    carry_out(20)
+    assert used() - before < 2000, "kilobytes"
