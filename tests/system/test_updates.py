@@ -265,11 +265,6 @@ def test_rec_off_removes_the_marker_and_saves_nothing(board, start, make_client)
     assert console.changes(EMPTY) == {}
 
 
-def test_gimbal_is_announced_before_it_changes(board, console):
-    console.update("gimbal", "1", "2")
-    assert console.errors == ["New config for gimbal control", "Saving config"]
-
-
 def test_app_type_ends_the_daemon_when_its_script_has_ended(board, console):
     hold(board, "otg-switcher.php", "/sys/board/app/daemon/otg-switcher.php")
     begin = len(log_lines(board)) - 1
@@ -331,3 +326,19 @@ def test_automovement_moves(console):
                            (("moveprev",), 3), (("moveprev",), 2)]:
         console.update("automovement", *values)
         assert f"Starting auto movement number {number}/3" in console.errors
+
+
+@pytest.mark.parametrize("value", [None, "", "x", "0"])
+def test_automovement_move_without_a_number_plays_the_first_movement(console, value):
+    console.update("automovement", "params", "0", MOVEMENTS, "0", "0")
+    console.update("automovement", "move", "2")
+    console.update("automovement", "move", value)
+    assert [line for line in console.errors if line.startswith("Starting auto movement")] == [
+        "Starting auto movement number 1/3"]
+
+
+@pytest.mark.parametrize("value", ["3", "-1"])
+def test_automovement_move_to_no_movement_plays_none(console, value):
+    console.update("automovement", "params", "0", MOVEMENTS, "0", "0")
+    console.update("automovement", "move", value)
+    assert console.errors == []

@@ -197,6 +197,17 @@ def test_composite_output_reboots_when_hdmi_is_on(board, console, status, reboot
     assert console.commands[at:] == ["reboot"] * reboots + looked_up(ALL_DISPLAYS)
 
 
+@pytest.mark.parametrize("values, word", [
+    (("cvbs", "testandsave", "PAL", "4:3", ""), "HDMI"), (("hdmi", "testandsave"), "PAL"),
+    (("hdmi", "testandsave"), "NTSC")])
+@pytest.mark.parametrize("place", [0, 1500, 3000])
+def test_the_output_is_found_anywhere_in_what_tvservice_prints(board, console, values, word,
+                                                               place):
+    board.prepare_output("tvservice", "x" * place + word + "y" * 100)
+    console.update(*values)
+    assert console.commands.count("reboot") == 1
+
+
 def hdmi_setup():
     return [
         REMOUNT,

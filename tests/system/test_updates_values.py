@@ -175,6 +175,16 @@ def test_the_new_restream_list_replaces_the_old_one(board, console):
     assert receiver.recv(2000) == b"\0\0\0\1frame"
 
 
+@pytest.mark.parametrize("port, arrives", [("70000", 4464), ("-1", 65535)])
+def test_of_a_restream_port_the_low_16_bits_count(board, console, port, arrives):
+    receiver = board.socket(bind=("127.0.0.9", arrives))
+    console.update("streaming", "udp", "1", f"127.0.0.9:{port}", "1000")
+    assert console.errors == ["", "Restreaming clients:", f"\t0: 127.0.0.9:{port}", "",
+                              "Saving config"]
+    Producer(board).publish(b"\0\0\0\1frame")
+    assert receiver.recv(2000) == b"\0\0\0\1frame"
+
+
 UNKNOWN = ["", "Ethernet", "ethernet ", "ethernet2", "ether", "record", "recordin", "streaming.udp",
            "%n%s", "tft", "zerotiers"]
 

@@ -416,6 +416,31 @@ TEST_F(RestreamList, IgnoresWhatFollowsThePort) {
     EXPECT_EQ(clients_.destinations[0], ipv4_port("10.0.0.1", 7));
 }
 
+TEST_F(RestreamList, KeepsTheLowSixteenBitsOfAPort) {
+    parse("10.0.0.1:70000,10.0.0.2:-1");
+    EXPECT_EQ(clients_.count, 2);
+    EXPECT_EQ(clients_.destinations[0], ipv4_port("10.0.0.1", 4464));
+    EXPECT_EQ(clients_.destinations[1], ipv4_port("10.0.0.2", 65535));
+    EXPECT_EQ(printed_, "\nRestreaming clients:\n\t0: 10.0.0.1:70000\n\t1: 10.0.0.2:-1\n\n");
+}
+
+TEST_F(RestreamList, TakesAnEmptyPortForPort0) {
+    parse("10.0.0.1:,10.0.0.2:7");
+    EXPECT_EQ(clients_.count, 2);
+    EXPECT_EQ(clients_.destinations[0], ipv4_port("10.0.0.1", 0));
+    EXPECT_EQ(clients_.destinations[1], ipv4_port("10.0.0.2", 7));
+    EXPECT_EQ(printed_, "\nRestreaming clients:\n\t0: 10.0.0.1:0\n\t1: 10.0.0.2:7\n\n");
+}
+
+TEST_F(RestreamList, TakesBlanksAroundAHostAndShortAddresses) {
+    parse("10.0.0.1:7, \t10.0.0.2 : 8, 10.3:9,0x7f.1:10");
+    EXPECT_EQ(clients_.count, 4);
+    EXPECT_EQ(clients_.destinations[0], ipv4_port("10.0.0.1", 7));
+    EXPECT_EQ(clients_.destinations[1], ipv4_port("10.0.0.2", 8));
+    EXPECT_EQ(clients_.destinations[2], ipv4_port("10.0.0.3", 9));
+    EXPECT_EQ(clients_.destinations[3], ipv4_port("127.0.0.1", 10));
+}
+
 TEST_F(RestreamList, CountsAHostThatIsNoAddressWithoutADestination) {
     parse("camera-station-with-a-very-long-name:7,%n:8, 10.0.0.3:x");
     EXPECT_EQ(clients_.count, 3);
