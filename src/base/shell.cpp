@@ -14,10 +14,10 @@ static bool is_plain(unsigned char c) {
     return c > 127 || std::isalnum(c) != 0 || (c != 0 && std::strchr("_.,:/@%+=-", c) != nullptr);
 }
 
-static bool is_plain_word(const char *value) {
+static bool is_plain_word(const std::string &value) {
     size_t begin = 0;
-    size_t end = std::strlen(value);
-    if (end >= 2 && value[0] == '"' && value[end - 1] == '"') {
+    size_t end = value.size();
+    if (end >= 2 && value.front() == '"' && value.back() == '"') {
         begin = 1;
         end -= 1;
     }
@@ -29,38 +29,30 @@ static bool is_plain_word(const char *value) {
     return true;
 }
 
-// Appends as much of `part` as leaves room for the terminating zero.
-static void append(char *word, size_t size, size_t &used, const char *part) {
-    for (; *part != '\0' && used + 1 < size; ++part) {
-        word[used++] = *part;
-    }
-    word[used] = '\0';
-}
-
-char *shell_word(char *word, size_t size, const char *value) {
+std::string shell_word(const char *value) {
     // Judged and written must be the same text, even while another thread changes the setting.
-    const std::string copy = value;
-    size_t used = 0;
-    if (is_plain_word(copy.c_str())) {
-        append(word, size, used, copy.c_str());
-        return word;
+    std::string copy = value;
+    if (is_plain_word(copy)) {
+        return copy;
     }
-    append(word, size, used, "'");
-    for (const char *p = copy.c_str(); *p != '\0'; ++p) {
-        const char one[2] = {*p, '\0'};
-        append(word, size, used, *p == '\'' ? "'\\''" : one);
+    std::string word = "'";
+    for (const char c : copy) {
+        if (c == '\'') {
+            word += R"('\'')";
+        } else {
+            word += c;
+        }
     }
-    append(word, size, used, "'");
-    return word;
+    return word + "'";
 }
 
-char *shell_quoted_text(char *text, size_t size, const char *value) {
-    size_t used = 0;
-    text[0] = '\0';
+std::string shell_quoted_text(const char *value) {
+    std::string text;
     for (const char *p = value; *p != '\0'; ++p) {
-        const char escaped[3] = {'\\', *p, '\0'};
-        const bool is_special = std::strchr("\"$`\\", *p) != nullptr;
-        append(text, size, used, is_special ? escaped : escaped + 1);
+        if (std::strchr("\"$`\\", *p) != nullptr) {
+            text += '\\';
+        }
+        text += *p;
     }
     return text;
 }

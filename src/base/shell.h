@@ -7,17 +7,17 @@
 // returned: a command that fails leaves the state as it is. Any thread.
 void run_shell(const char *command);
 
-// Writes `value` into `word` (at most `size` - 1 characters and a zero) in a form that the shell
-// takes as the value and nothing else. A plain value (letters, digits, and the characters
-// _ . , : / @ % + = - , and bytes above 127, bare or inside one pair of double quotes) stays as it
-// is, so does an empty one; any other is put in single quotes. A cut word keeps no open quote
-// that would swallow what follows: the shell refuses the whole line. `value` may change meanwhile,
-// as the settings do: what stands in the word is inert all the same. Returns `word`.
-char *shell_word(char *word, size_t size, const char *value);
+// `value` in a form that the shell takes as one word and interprets nothing in. A plain value
+// (letters, digits, the characters _ . , : / @ % + = - and bytes above 127) stays as it is, and so
+// does one in a pair of double quotes, which the shell takes off, and an empty one. Any other is
+// put in single quotes and arrives unchanged. Every quote is closed. A command that is cut inside
+// the word has a quote open at its end, so that the shell refuses it, or holds the start of the
+// value. `value` may change meanwhile, as the settings do: the word is inert all the same.
+std::string shell_word(const char *value);
 
-// Like shell_word, for a value that stands inside double quotes already: what the shell would
-// interpret there is escaped with a backslash.
-char *shell_quoted_text(char *text, size_t size, const char *value);
+// `value` for a place inside double quotes: what the shell would interpret there is escaped with a
+// backslash, so that it arrives unchanged.
+std::string shell_quoted_text(const char *value);
 
 // Runs one command line and returns what it prints, up to the first zero and at most `limit` bytes;
 // empty when it cannot be started. Waits for its end. Any thread.

@@ -51,8 +51,7 @@ static std::string replacement_word(const char *value) {
         }
         escaped += *p;
     }
-    char word[400];
-    return shell_word(word, sizeof word, escaped.c_str());
+    return shell_word(escaped.c_str());
 }
 
 static bool equals(const char *text, const char *other) {
@@ -71,9 +70,12 @@ static int composite_aspect(const char *aspect) {
     return equals(aspect, "16:9") ? 3 : equals(aspect, "14:9") ? 2 : equals(aspect, "4:3") ? 1 : 0;
 }
 
-static bool current_output_contains(const char *first, const char *second) {
-    const std::string status = shell_output("tvservice -s", output_limit);
-    return status.find(first) != std::string::npos || status.find(second) != std::string::npos;
+static std::string current_output() {
+    return shell_output("tvservice -s", output_limit);
+}
+
+static bool contains(const std::string &text, const char *part) {
+    return text.find(part) != std::string::npos;
 }
 
 static void restart_display_processes() {
@@ -95,12 +97,10 @@ static void save_composite_output(int mode, int aspect) {
 
 void switch_composite_output(const char *standard, const char *aspect, const char *progressive,
                              bool save) {
-    char texts[3][200];
     char command[command_size];
     snprintf(command, sizeof command, "tvservice -c \"%s %s %s\"",
-             shell_quoted_text(texts[0], sizeof texts[0], standard),
-             shell_quoted_text(texts[1], sizeof texts[1], aspect),
-             shell_quoted_text(texts[2], sizeof texts[2], progressive));
+             shell_quoted_text(standard).c_str(), shell_quoted_text(aspect).c_str(),
+             shell_quoted_text(progressive).c_str());
     run_shell(command);
     if (!save) {
         return;
@@ -114,22 +114,20 @@ void switch_composite_output(const char *standard, const char *aspect, const cha
     run_shell("sync");
     run_shell("umount /boot  > /dev/null 2>&1 ; mount /boot > /dev/null 2>&1");
     // Composite output takes over from HDMI only after a restart.
-    if (current_output_contains("HDMI", "HDMI")) {
+    if (contains(current_output(), "HDMI")) {
         run_shell("reboot");
     }
     restart_display_processes();
 }
 
-static void run_hdmi_test(const char *group, const char *mode, bool is_preferred) {
+static void select_hdmi_mode(const char *group, const char *mode, bool is_preferred) {
     if (is_preferred) {
         run_shell("tvservice -p");
         return;
     }
-    char texts[2][200];
     char command[command_size];
-    snprintf(command, sizeof command, "tvservice -e \"%s %s\"",
-             shell_quoted_text(texts[0], sizeof texts[0], group),
-             shell_quoted_text(texts[1], sizeof texts[1], mode));
+    snprintf(command, sizeof command, "tvservice -e \"%s %s\"", shell_quoted_text(group).c_str(),
+             shell_quoted_text(mode).c_str());
     run_shell(command);
 }
 
@@ -154,14 +152,15 @@ static void save_hdmi_output(const char *group, const char *mode, bool is_prefer
     }
     run_shell("sync");
     run_shell("umount /boot > /dev/null 2>&1 ; mount /boot > /dev/null 2>&1");
-    if (current_output_contains("PAL", "NTSC")) {
+    const std::string output = current_output();
+    if (contains(output, "PAL") || contains(output, "NTSC")) {
         run_shell("reboot");
     }
 }
 
 void switch_hdmi_output(const char *group, const char *mode, bool save) {
     const bool is_preferred = group[0] == '\0' && mode[0] == '\0';
-    run_hdmi_test(group, mode, is_preferred);
+    select_hdmi_mode(group, mode, is_preferred);
     if (save) {
         save_hdmi_output(group, mode, is_preferred);
     }

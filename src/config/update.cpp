@@ -20,6 +20,7 @@
 #include <cstdio>
 #include <cstring>
 #include <span>
+#include <string>
 
 constexpr size_t command_size = 100;
 constexpr size_t country_command_size = 30;
@@ -27,12 +28,10 @@ constexpr const char *kill_cams_command = "cd ../cams ; ./kill-cams.sh ; cd ..";
 constexpr const char *recorder_marker_on = "touch /run/quillorbeacon/recorder-enabled";
 constexpr const char *recorder_marker_off = "rm -f /run/quillorbeacon/recorder-enabled";
 
-// Runs a command whose one "%s" stands for a client's value, cut to `size` - 1 characters.
+// Runs a command that ends in a client's value, cut to `size` - 1 characters.
 static void run_with_value(const char *before, const char *value, size_t size = command_size) {
-    char word[400];
-    char command[command_size];
-    snprintf(command, size, "%s%s", before, shell_word(word, sizeof word, value));
-    run_shell(command);
+    const std::string command = before + shell_word(value);
+    run_shell(command.substr(0, size - 1).c_str());
 }
 
 // What each row does once its settings are stored, in order.

@@ -5,7 +5,8 @@
 // an unknown one changes nothing. A missing value reads as 0 or empty; a missing "param" ends the
 // process abnormally, by design.
 //
-// Values are copied plainly: none is ever a format, and in a shell command each is one inert word.
+// Values are copied plainly: none is ever a format, and the shell interprets nothing in them. In a
+// command each is one word; those of "cvbs" and "hdmi" make one word together for tvservice.
 //
 // Any thread; everything runs on the caller's thread until it is done.
 void apply_config_update(const char *text);
