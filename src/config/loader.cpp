@@ -56,6 +56,9 @@ int load_setting(ConfigRecord &target, const char *key, const char *value) {
 
 void change_setting(ConfigRecord &target, const char *key, const char *value) {
     const ConfigKey *row = find_config_key(key);
+    if (row == nullptr) {
+        return;
+    }
     if (row->kind != SettingKind::text) {
         store_number(target, *row, parse_number(value));
         return;

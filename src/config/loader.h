@@ -12,5 +12,6 @@ int load_config(const char *path);
 int load_setting(ConfigRecord &record, const char *key, const char *value);
 
 // Stores one setting, given as a client gives it: a text is cut at its first line end and to its
-// field, and keeps its quotes; an empty static mask becomes the default one. `key` must be known.
+// field, and keeps its quotes; an empty static mask becomes the default one. An unknown key changes
+// nothing.
 void change_setting(ConfigRecord &record, const char *key, const char *value);

@@ -150,3 +150,11 @@ TEST(ChangeSetting, GivesAnEmptyMaskItsDefault) {
     change_setting(record, "wifi_static_mask", "\n1");
     EXPECT_STREQ(record.wifi_static_mask, "255.255.255.0");
 }
+
+TEST(ChangeSetting, IgnoresAnUnknownKey) {
+    ConfigRecord &record = config_record();
+    const std::string before = config_file_text(record);
+    change_setting(record, "ap_ssid ", "net");
+    change_setting(record, "", "net");
+    EXPECT_EQ(config_file_text(record), before);
+}
