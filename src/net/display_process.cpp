@@ -15,8 +15,12 @@ void init_display_notifications() {
     notification_socket = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
 }
 
-void notify_display_process(const char *text) {
+void notify_display_process(const void *data, size_t length) {
     const sockaddr_in address = socket_address(ipv4_port(display_host, notification_port));
-    sendto(notification_socket, text, strlen(text), 0, reinterpret_cast<const sockaddr *>(&address),
+    sendto(notification_socket, data, length, 0, reinterpret_cast<const sockaddr *>(&address),
            sizeof address);
+}
+
+void notify_display_process(const char *text) {
+    notify_display_process(text, strlen(text));
 }

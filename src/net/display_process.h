@@ -1,9 +1,13 @@
 #pragma once
 
-// Short notes to the display process on this board, one text datagram each to 127.0.0.1:5255.
+#include <cstddef>
+
+// Short notes to the display process on this board, one datagram each to 127.0.0.1:5255.
 
 // Creates the sender's socket. Start-up, once.
 void init_display_notifications();
 
-// Sends the text without its terminating zero. Any thread.
+// Sends one note: the text without its terminating zero, or `length` bytes of any kind. Nobody need
+// listen. Any thread.
 void notify_display_process(const char *text);
+void notify_display_process(const void *data, size_t length);
