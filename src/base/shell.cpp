@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -57,6 +58,17 @@ std::string shell_quoted_text(const char *value) {
     return text;
 }
 
+size_t read_pipe(FILE *pipe, void *data, size_t size) {
+    size_t length = 0;
+    for (;;) {
+        length += fread(static_cast<char *>(data) + length, 1, size - length, pipe);
+        if (length == size || ferror(pipe) == 0 || errno != EINTR) {
+            return length;
+        }
+        clearerr(pipe);
+    }
+}
+
 std::string shell_output(const char *command, size_t limit) {
     std::string output;
     FILE *pipe = popen(command, "re"); // NOLINT(cert-env33-c): by design
@@ -65,7 +77,7 @@ std::string shell_output(const char *command, size_t limit) {
     }
     char piece[1000];
     size_t length = 0;
-    while (output.size() < limit && (length = fread(piece, 1, sizeof piece, pipe)) > 0) {
+    while (output.size() < limit && (length = read_pipe(pipe, piece, sizeof piece)) > 0) {
         output.append(piece, std::min(length, limit - output.size()));
     }
     pclose(pipe);

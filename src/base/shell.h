@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdio>
 #include <string>
 
 // Runs one command line through /bin/sh and waits for it. The result is deliberately not
@@ -18,6 +19,10 @@ std::string shell_word(const char *value);
 // `value` for a place inside double quotes: what the shell would interpret there is escaped with a
 // backslash, so that it arrives unchanged.
 std::string shell_quoted_text(const char *value);
+
+// Reads `size` bytes, fewer only at the end or on an error; a signal that interrupts the reading
+// ends it not. Returns how many. Any thread.
+size_t read_pipe(FILE *pipe, void *data, size_t size);
 
 // Runs one command line and returns what it prints, up to the first zero and at most `limit` bytes;
 // empty when it cannot be started. Waits for its end. Any thread.

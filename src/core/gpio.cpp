@@ -1,5 +1,7 @@
 #include "core/gpio.h"
 
+#include <array>
+#include <csignal>
 #include <cstdio>
 #include <pigpio.h>
 
@@ -7,14 +9,41 @@ constexpr unsigned gpio_socket_port = 8890;
 constexpr unsigned primary_dma_channel = 8;
 constexpr unsigned secondary_dma_channel = 6;
 
+// What the process does at each signal, by its number. Those that nobody may change are left out:
+// the kernel refuses them both times.
+using SignalActions = std::array<struct sigaction, NSIG>;
+
+static SignalActions signal_actions() {
+    SignalActions actions{};
+    for (int signal = 1; signal < NSIG; ++signal) {
+        sigaction(signal, nullptr, &actions[static_cast<size_t>(signal)]);
+    }
+    return actions;
+}
+
+// All but SIGPIPE: the library's own threads write to sockets that may be gone.
+static void restore_signal_actions(const SignalActions &actions) {
+    for (int signal = 1; signal < NSIG; ++signal) {
+        if (signal != SIGPIPE) {
+            sigaction(signal, &actions[static_cast<size_t>(signal)], nullptr);
+        }
+    }
+}
+
+// The library takes all signals over. Left so, each command's end would interrupt the calls that
+// other threads wait in, and the daemon would not end by the signal that ends it.
+static bool initialise_library() {
+    const SignalActions actions = signal_actions();
+    const bool is_initialised = gpioInitialise() >= 0;
+    restore_signal_actions(actions);
+    return is_initialised;
+}
+
 void start_gpio() {
     gpioCfgSocketPort(gpio_socket_port);
     gpioCfgDMAchannels(primary_dma_channel, secondary_dma_channel);
-    if (gpioInitialise() < 0) {
-        fputs("Failed to init GPIO subsystem\n", stderr);
-    } else {
-        fputs("GPIO subsystem init done\n", stderr);
-    }
+    fputs(initialise_library() ? "GPIO subsystem init done\n" : "Failed to init GPIO subsystem\n",
+          stderr);
 }
 
 void use_as_input(unsigned pin) {

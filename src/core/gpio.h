@@ -3,7 +3,8 @@
 // The board's GPIO inputs, through the GPIO library. Where that has failed to start, every call
 // below fails too and the level reads as a negative number.
 
-// Configures and starts the GPIO library; says on standard error how it went. Start-up only.
+// Configures and starts the GPIO library; says on standard error how it went. Of the signal
+// handlers that it sets only SIGPIPE's stays. Start-up only.
 void start_gpio();
 
 // Makes the pin an input with its pull-up on. Any thread.

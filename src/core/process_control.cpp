@@ -4,26 +4,20 @@
 #include "base/text.h"
 
 #include <cstdio>
+#include <string>
 
 constexpr int kill_signal = 9;
 constexpr int recorder_signal = 10; // SIGUSR1
 constexpr const char *recorder_name = "recorder";
 constexpr size_t command_size = 256;
-constexpr size_t pid_text_size = 10; // nine digits are read
+constexpr size_t pid_digits = 9;
 
 // The first process id that pidof prints for the name; below 1 when there is none.
 static int32_t find_process(const char *name) {
     char command[command_size];
     snprintf(command, sizeof command, "pidof %s", name);
-    char line[pid_text_size] = "";
-    FILE *pipe = popen(command, "re"); // NOLINT(cert-env33-c): by design
-    if (pipe != nullptr) {
-        if (fgets(line, sizeof line, pipe) == nullptr) {
-            line[0] = '\0';
-        }
-        pclose(pipe);
-    }
-    return parse_number(line);
+    const std::string output = shell_output(command, pid_digits);
+    return parse_number(output.substr(0, output.find('\n')).c_str());
 }
 
 static void send_signal(int signal, int32_t pid) {

@@ -2,6 +2,7 @@
 
 #include "base/pause.h"
 #include "base/relaxed.h"
+#include "base/shell.h"
 #include "config/config.h"
 #include "net/relay.h"
 
@@ -23,7 +24,7 @@ void format_capture_command(char *command, size_t size, const char *params) {
 static void relay_stream(FILE *pipe) {
     RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): filled piece by piece
     size_t length = 0;
-    while ((length = fread(packet.payload, 1, sizeof packet.payload, pipe)) > 0) {
+    while ((length = read_pipe(pipe, packet.payload, sizeof packet.payload)) > 0) {
         set_payload_length(packet, static_cast<uint16_t>(length));
         running = 1;
         relay_to_clients(relay_type_internal_camera, packet);

@@ -1,8 +1,10 @@
 // GPIO levels for the system tests, behind the functions the daemon calls: the level of pin N is
 // what the file /run/gpio/N says ("0" low, anything else or no file: high), and every call but the
-// reads is noted in /run/gpio/calls. A file /run/gpio/broken makes gpioInitialise fail.
+// reads is noted in /run/gpio/calls. A file /run/gpio/broken makes gpioInitialise fail. As the real
+// library does, gpioInitialise takes over all signals, without restarting what they interrupt.
 #include "pigpio.h"
 
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <unistd.h>
@@ -19,6 +21,22 @@ __attribute__((format(printf, 1, 2))) static void note(const char *format, ...) 
     fclose(calls);
 }
 
+constexpr int ended_by_library = 98;
+
+static void handle_signal(int signal) {
+    if (signal != SIGCHLD && signal != SIGPIPE && signal != SIGCONT && signal != SIGWINCH) {
+        _exit(ended_by_library);
+    }
+}
+
+static void take_over_signals() {
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction action {};
+        action.sa_handler = handle_signal;
+        sigaction(signal, &action, nullptr);
+    }
+}
+
 int gpioCfgSocketPort(unsigned port) {
     note("gpioCfgSocketPort %u\n", port);
     return 0;
@@ -31,6 +49,7 @@ int gpioCfgDMAchannels(unsigned primary_channel, unsigned secondary_channel) {
 
 int gpioInitialise() {
     note("gpioInitialise\n");
+    take_over_signals();
     return access("/run/gpio/broken", F_OK) == 0 ? PI_INIT_FAILED : 79;
 }
 

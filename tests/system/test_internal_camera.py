@@ -3,7 +3,9 @@
 raspivid is a script of the test's, which delivers a stream that ffmpeg has encoded.
 """
 
+import ctypes
 import shutil
+import signal
 import socket
 import subprocess
 import time
@@ -14,6 +16,7 @@ import pytest
 from conftest import is_status, wait_until
 from test_status import next_record
 
+LIBC = ctypes.CDLL(None)
 CAMERA = 3
 SO_RCVBUFFORCE = 33  # more than the usual limit; Python has no name for it
 PIECE = 60000
@@ -137,6 +140,34 @@ def test_clients_get_the_stream(start, camera, stream, registered_client, progra
     daemon.wait_error(ENDED)
     others = [packet for client in clients for packet in watch_records(client, 10)]
     assert not [packet for packet in others if packet[0] == CAMERA]
+
+
+def interrupt_captures(daemon):
+    """Interrupts each capture while it waits for its pipe."""
+    for task in Path(f"/proc/{daemon.pid}/task").iterdir():
+        if (task / "comm").read_text().strip() == "camera-capture":
+            state = task / "stat"
+            wait_until(lambda: state.read_text().rpartition(") ")[2][0] == "S", "the capture waits")
+            assert LIBC.tgkill(daemon.pid, int(task.name), signal.SIGPIPE) == 0
+
+
+def test_a_signal_that_interrupts_the_capture_does_not_end_it(
+        board, start, camera, stream, registered_client):
+    """The GPIO library handles SIGPIPE, and what that interrupts is not restarted."""
+    camera(f"mkdir /sys/board/once || exec sleep 1000\nhead -c {PIECE} {STREAM}\n"
+           "while [ ! -e /sys/board/go ]; do sleep 0.02; done\n"
+           f"tail -c +{PIECE + 1} {STREAM}; exec sleep 1000")
+    daemon = start(OFF, gpio=True)
+    client = viewer(registered_client, daemon)
+    switch(client, 1, "")
+    assert client.receive_type(CAMERA)[2] == stream[:PIECE]
+    for _ in range(3):
+        interrupt_captures(daemon)
+    board.write("/sys/board/go", "")
+    rest = stream[PIECE:len(stream) // PIECE * PIECE]
+    pieces = receive_stream(client, len(rest))
+    assert b"".join(pieces) == rest and {len(piece) for piece in pieces} == {PIECE}
+    assert ENDED not in daemon.errors()
 
 
 def test_data_only_clients_get_none(start, camera, stream, registered_client):
