@@ -6,7 +6,8 @@
 
 std::string file_text(const char *path, size_t limit) {
     std::string text(limit, '\0');
-    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    // Anyone may have put a FIFO there, for whose writer nobody waits.
+    const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     const ssize_t length = fd < 0 ? 0 : read(fd, text.data(), limit);
     if (fd >= 0) {
         close(fd);

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 
-// What a file holds, at most `limit` bytes, up to the first zero; empty without the file. One read:
-// meant for the small files through which programs and the kernel tell things. Any thread.
+// What a file holds, at most `limit` bytes, up to the first zero; empty without the file. One read,
+// which never waits: meant for the small files through which programs and the kernel tell things.
+// Any thread.
 std::string file_text(const char *path, size_t limit);

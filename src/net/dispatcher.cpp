@@ -52,7 +52,7 @@ static void reply_with_text(const std::string &text, const Requester &requester)
 }
 
 static void reply_with_screenshot(const Requester &requester) {
-    const int fd = open(screenshot_file, O_RDONLY | O_CLOEXEC);
+    const int fd = open(screenshot_file, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         return;
     }

@@ -2,6 +2,7 @@
 few payloads that end the process.
 """
 
+import os
 import signal
 import struct
 import threading
@@ -137,6 +138,12 @@ def test_a_screenshot_is_sent_whole(board, daemon, client, size):
 def test_no_screenshot_no_reply(board, daemon, client, size):
     if size is not None:
         board.write("/run/quillorbeacon/screenshot.png", bytes(size))
+    client.send(b"\x09")
+    expect_silence(client)
+
+
+def test_nobody_waits_for_the_writer_of_a_screenshot(board, daemon, client):
+    os.mkfifo(board.path("/run/quillorbeacon/screenshot.png"))
     client.send(b"\x09")
     expect_silence(client)
 

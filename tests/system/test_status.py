@@ -283,6 +283,24 @@ def test_no_srt_client(board, start, viewer, content):
     assert number_at(changed, 27) == 0
 
 
+@pytest.mark.parametrize("has_writer", [False, True])
+@pytest.mark.parametrize("path, offset", [(SRT_STAMP, 27), (f"{RUN}/recorder.info", 11)])
+def test_nobody_waits_for_the_writer_of_a_fifo(board, start, viewer, path, offset, has_writer):
+    display = viewer()
+    start(QUIET)
+    replace(board, path, "777")
+    wait_record(display, lambda r: number_at(r, offset) != 0, "a number that is told apart")
+    fifo = board.path(f"{path}.new")
+    os.mkfifo(fifo)
+    writer = os.open(fifo, os.O_RDWR) if has_writer else None
+    os.replace(fifo, board.path(path))
+    wait_record(display, lambda r: number_at(r, offset) == 0, "nothing read")
+    for _ in range(3):
+        assert number_at(next_record(display), offset) == 0
+    if has_writer:
+        os.close(writer)
+
+
 # On a slow board the status poller alone opens the radio-control block.
 SLOW_BOARD = "Raspberry Pi Zero"
 
