@@ -4,6 +4,7 @@
 #include "automove/movement_runner.h"
 #include "base/file_text.h"
 #include "base/free_space.h"
+#include "base/shared_memory.h"
 #include "base/shell.h"
 #include "base/text.h"
 #include "config/config.h"
@@ -215,29 +216,40 @@ static const uint8_t *states_block() {
     return block;
 }
 
-void poll_status() {
-    const ConfigRecord &config = config_record();
-    BoardStatus status{};
-    status.client_count = relay_clients().count;
+// What files tell.
+static void read_files(BoardStatus &status, const ConfigRecord &config) {
     status.access_point_active = exists("/run/quillorbeacon/ap.active");
     status.wifi_connected = is_connected(config.wifi_iface);
     status.camera_connected = is_connected(config.camera_iface);
-    status.data_present = data_source_present();
-    status.video_present = video_present();
     status.rtmp_number = number_in("/run/quillorbeacon/rtmp-streamer.info");
     status.rtsp_number = number_in("/run/quillorbeacon/rtsp-server.info");
     status.srt_seconds = seconds_since("/tmp/srt-client-connect-timestamp");
     status.recorder_number = number_in("/run/quillorbeacon/recorder.info");
     status.millidegrees = number_in("/sys/class/thermal/thermal_zone0/temp");
+}
+
+// What other threads and programs keep in memory.
+static void read_memory(BoardStatus &status) {
+    status.client_count = relay_clients().count;
+    status.data_present = data_source_present();
+    status.video_present = video_present();
     if (states_block() != nullptr) {
-        status.rc1_state = states_block()[rc_state_at];
-        status.rc2_state = states_block()[rc_state_at + 1];
+        status.rc1_state = load_whole<uint8_t>(states_block() + rc_state_at);
+        status.rc2_state = load_whole<uint8_t>(states_block() + rc_state_at + 1);
     }
     status.movement_running = automove_running();
     status.movement_index = automove_index();
     status.movement_count = movement_count();
     status.movement_nearest = automove_nearest();
+}
+
+void poll_status() {
+    const ConfigRecord &config = config_record();
+    BoardStatus status{};
+    read_files(status, config);
     status.storage = examine_storage(config);
+    // Last: mounting takes long, and this changes meanwhile.
+    read_memory(status);
     RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): only its start is used
     fill_status_record(status, config, packet.payload);
     set_payload_length(packet, status_record_size);

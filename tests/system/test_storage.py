@@ -5,8 +5,9 @@ import os
 
 import pytest
 
-from conftest import wait_until
-from test_status import next_record, number_at, wait_record
+from commands import install
+from conftest import is_status, wait_until
+from test_status import next_record, number_at, presence, wait_record
 
 INTERNAL = ["mount /dev/mmcblk0p3 /mnt -o noatime"]
 EXTERNAL = [f"mount /dev/sda{number} /media -o noatime" for number in range(4)]
@@ -114,6 +115,44 @@ def test_the_external_place_without_a_disk(board, start, viewer):
 def test_automatic_mounts_run_without_a_disk(board, start, setting):
     start(setting)
     check_mounts(board, INTERNAL + EXTERNAL)
+
+
+MOUNT_THAT_WAITS = """#!/sys/board/sh
+: > /tmp/mounting
+while [ -e /tmp/hold ]; do sleep 0.02; done
+"""
+
+
+def test_what_changes_while_storage_is_mounted_is_in_the_record(
+        board, start, viewer, registered_client):
+    display = viewer()
+    daemon = start("recording_place=0\n")
+    assert next_record(display)[3] == 0
+    board.write("/tmp/hold", "")
+    install(board, "/sys/board/bin/mount", MOUNT_THAT_WAITS)
+    wait_until(board.path("/tmp/mounting").exists, "a mount that waits")
+    display.socket.setblocking(False)
+    with pytest.raises(BlockingIOError):
+        while True:
+            display.socket.recv(65535)
+    client = registered_client(daemon)
+    counted = board.path("/run/quillorbeacon/clients.json")
+    wait_until(lambda: client.host in counted.read_text(), "the client counted")
+    source = board.socket()
+    source.sendto(b"x", ("127.0.0.1", 5000))
+    daemon.wait_error("Data found\n")
+    board.path("/tmp/hold").unlink()
+
+    def record_that_follows():
+        source.sendto(b"x", ("127.0.0.1", 5000))  # or it is lost after a second
+        try:
+            packet = display.receive_any(0.1)
+        except TimeoutError:
+            return None
+        return packet[2] if is_status(packet) else None
+
+    record = wait_until(record_that_follows, "the record after the mounts")
+    assert (record[3], *presence(record)) == (1, 1, 1, 0)
 
 
 def test_automatic_mounts_run_with_a_disk(board, start, disk):
