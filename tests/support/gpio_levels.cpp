@@ -1,9 +1,11 @@
 // GPIO levels for the system tests, behind the functions the daemon calls: the level of pin N is
-// what the file /run/gpio/N says ("0" low, anything else or no file: high), and every call but the
-// reads is noted in /run/gpio/calls. A file /run/gpio/broken makes gpioInitialise fail. As the real
-// library does, gpioInitialise takes over all signals, without restarting what they interrupt.
+// what the file /run/gpio/N says ("0" low, anything else or no file: high). Every call is noted in
+// /run/gpio/calls, of the reads the first of each pin; so is a pid file that gpioInitialise finds.
+// A file /run/gpio/broken makes gpioInitialise fail. As the real library does, gpioInitialise takes
+// over all signals, without restarting what they interrupt.
 #include "pigpio.h"
 
+#include <array>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -48,7 +50,7 @@ int gpioCfgDMAchannels(unsigned primary_channel, unsigned secondary_channel) {
 }
 
 int gpioInitialise() {
-    note("gpioInitialise\n");
+    note("gpioInitialise%s\n", access("/var/run/pigpio.pid", F_OK) == 0 ? " finds a pid file" : "");
     take_over_signals();
     return access("/run/gpio/broken", F_OK) == 0 ? PI_INIT_FAILED : 79;
 }
@@ -63,7 +65,16 @@ int gpioSetPullUpDown(unsigned gpio, unsigned pud) {
     return 0;
 }
 
+static void note_first_read(unsigned gpio) {
+    static std::array<bool, 256> seen;
+    if (gpio < seen.size() && !seen[gpio]) {
+        seen[gpio] = true;
+        note("gpioRead %u\n", gpio);
+    }
+}
+
 int gpioRead(unsigned gpio) {
+    note_first_read(gpio);
     char path[32];
     snprintf(path, sizeof path, "/run/gpio/%u", gpio);
     FILE *level = fopen(path, "re");

@@ -7,6 +7,7 @@ from pathlib import Path
 
 import pytest
 
+from commands import install
 from conftest import CONFIG, wait_until
 
 TRIGGER, BUTTON, SHOT = 4, 17, 22
@@ -123,6 +124,11 @@ class DataSource:
         telemetry = b"telemetry %d" % self.told
         self.socket.sendto(telemetry, ("127.0.0.1", 5000))
         while self.display.recv(65535)[12:] != telemetry:
+            pass
+
+    def wait_status(self):
+        """Waits for the next status record, which ends a cycle of the poller."""
+        while len(self.display.recv(65535)) != 12 + 41:
             pass
 
     def commands(self, until):
@@ -287,6 +293,16 @@ def test_a_trigger_in_use_keeps_the_buttons_from_being_examined(board, start):
         trigger.feed(HIGH, after=0.4)
     trigger.feed(LOW, after=0.4)
     wait_actions(daemon, "start")
+
+
+def test_the_time_of_an_examination_is_that_after_its_command(board, start, data_source):
+    """However long the command takes, the button is not looked at in the same cycle."""
+    install(board, "/sys/board/app/cams/kill-cams.sh", "#!/sys/board/sh\nsleep 0.6\n")
+    set_level(board, TRIGGER, LOW)
+    set_level(board, BUTTON, LOW)
+    daemon = start(TRIGGER_USED + BUTTON_USED, gpio=True)
+    data_source.wait_status()
+    assert actions(daemon) == ["start"]
 
 
 def test_a_press_makes_one_shot(board, start, data_source):

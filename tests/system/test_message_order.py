@@ -25,6 +25,30 @@ def hold_one_call(board, tool, arguments):
     install(board, f"/sys/board/bin/{tool}", HOLDING_ONE_CALL % arguments)
 
 
+@pytest.mark.parametrize("config, command", [
+    ("", "dhcpcd --rebind eth0"),
+    ("eth_static_ip_enabled=1\n", "dhcpcd --release eth0"),
+])
+@pytest.mark.parametrize("model, said", [("Board 5", ""), ("Zero", "SLOW CPU!\n")])
+def test_the_wired_network_of_start_up(board, start, config, command, model, said):
+    hold(board, "dhcpcd")
+    daemon = start(config, model=model, ready=False)
+    wait_running(board, command)
+    assert daemon.errors() == ("Quillorbeacon-NG v.0.8.19\nLoading config file... done\n"
+                               f"Board model: {model}\n{said}")
+    release(board, "dhcpcd")
+    daemon.wait_ready()
+
+
+def test_the_run_time_folder_before_anything_is_said(board, start):
+    hold(board, "mkdir")
+    daemon = start(ready=False)
+    wait_running(board, "mkdir -p /run/quillorbeacon")
+    assert daemon.errors() == ""
+    release(board, "mkdir")
+    daemon.wait_ready()
+
+
 def test_a_wifi_scan(board, daemon, client):
     hold(board, "ifconfig")
     client.send(b'{"cmd":"wlan","param":"scan","value":"int"}')

@@ -135,28 +135,32 @@ def test_a_port_in_use_ends_start_up_with_status_1(board, start, port, kind, fai
     assert lines[-len(expected):] == expected
 
 
-def test_the_gpio_pid_file_is_deleted(board, start):
+def test_the_gpio_pid_file_is_deleted_before_the_library_starts(board, start):
     board.write("/run/pigpio.pid", "77\n")
-    start()
+    start(gpio=True)
     assert not board.path("/run/pigpio.pid").exists()
+    assert "gpioInitialise" in board.path("/run/gpio/calls").read_text().splitlines()
 
 
 def test_gpio_library_set_up_and_inputs_in_key_order(board, start):
     daemon = start("shot_btn_gpio=22\nrecording_btn_gpio=17\nrecording_gpio=4\n", gpio=True)
     assert "GPIO subsystem init done\n" in daemon.errors()
     calls = board.path("/run/gpio/calls")
-    wait_until(lambda: calls.read_text().count("\n") >= 9, "all inputs set up")
+    wait_until(lambda: calls.read_text().count("\n") >= 12, "all inputs read")
     assert calls.read_text().splitlines() == [
         "gpioCfgSocketPort 8890", "gpioCfgDMAchannels 8 6", "gpioInitialise",
         "gpioSetMode 4 0", "gpioSetPullUpDown 4 2", "gpioSetMode 17 0", "gpioSetPullUpDown 17 2",
-        "gpioSetMode 22 0", "gpioSetPullUpDown 22 2"]
+        "gpioSetMode 22 0", "gpioSetPullUpDown 22 2",
+        # The buttons' first states; the poller then begins with the trigger.
+        "gpioRead 17", "gpioRead 22", "gpioRead 4"]
 
 
 def test_unused_inputs_are_left_alone(board, start):
     start("recording_btn_gpio=17\n", gpio=True)
     calls = board.path("/run/gpio/calls")
-    wait_until(lambda: calls.read_text().count("\n") >= 5, "the input set up")
-    assert calls.read_text().splitlines()[3:] == ["gpioSetMode 17 0", "gpioSetPullUpDown 17 2"]
+    wait_until(lambda: calls.read_text().count("\n") >= 6, "the input read")
+    assert calls.read_text().splitlines()[3:] == [
+        "gpioSetMode 17 0", "gpioSetPullUpDown 17 2", "gpioRead 17"]
 
 
 def test_a_failing_gpio_library_is_not_fatal(board, start):

@@ -192,6 +192,13 @@ def test_data_and_video_presence(board, start, viewer, make_producer):
     wait_record(display, is_complete, "both sources")
 
 
+def test_the_inputs_are_looked_at_before_the_first_record(board, start, viewer):
+    display = viewer()
+    board.write("/run/gpio/4", "0")
+    start(QUIET + "recording_gpio=4\n", gpio=True)
+    assert next_record(display)[6] == 1
+
+
 @pytest.mark.parametrize("settings, flags", [
     ({"recording_enabled": 1}, 1),
     ({"stream_udp_enabled": 1}, 2),
