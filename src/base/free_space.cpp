@@ -1,14 +1,13 @@
 #include "base/free_space.h"
 
-#include <sys/statvfs.h>
-
 static_assert(sizeof(fsblkcnt_t) == 8); // on a 32-bit board too, or a large disk is an error
+
+uint32_t megabytes_of(const struct statvfs &status) {
+    const double bytes = static_cast<double>(status.f_bsize) * static_cast<double>(status.f_bavail);
+    return static_cast<uint32_t>(static_cast<uint64_t>(bytes * 0.000001));
+}
 
 uint32_t free_megabytes(const char *path) {
     struct statvfs status {};
-    if (statvfs(path, &status) != 0) {
-        return 0;
-    }
-    const double bytes = static_cast<double>(status.f_bsize) * static_cast<double>(status.f_bavail);
-    return static_cast<uint32_t>(static_cast<uint64_t>(bytes * 0.000001));
+    return statvfs(path, &status) == 0 ? megabytes_of(status) : 0;
 }

@@ -37,6 +37,14 @@ TEST(CurrentMode, RoundsTheRate) {
     EXPECT_NE(parse_current_mode(head + "fastHz, i").find("\"rate\":0,"), std::string::npos);
 }
 
+TEST(CurrentMode, RoundsAHalfToTheEvenRate) {
+    const std::string head = "s 0 [P 4:3], 1x1 @ ";
+    EXPECT_NE(parse_current_mode(head + "60.50Hz, i").find("\"rate\":60,"), std::string::npos);
+    EXPECT_NE(parse_current_mode(head + "59.50Hz, i").find("\"rate\":60,"), std::string::npos);
+    EXPECT_NE(parse_current_mode(head + "2.5Hz, i").find("\"rate\":2,"), std::string::npos);
+    EXPECT_NE(parse_current_mode(head + "60.51Hz, i").find("\"rate\":61,"), std::string::npos);
+}
+
 TEST(ModeList, TakesTheTokenBehindMode) {
     EXPECT_EQ(parse_mode_list("Group CEA has 2 modes:\n"
                               "           mode 1: 640x480 @ 60Hz 4:3, clock:25MHz progressive \n"

@@ -1,13 +1,11 @@
 #include "core/status_monitor.h"
 
 #include "config/config.h"
-#include "media/internal_camera.h"
 
 #include <array>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
-#include <string>
 
 using Record = std::array<uint8_t, status_record_size>;
 
@@ -147,15 +145,4 @@ TEST(StorageChoice, ATieGoesToExternal) {
 TEST(StorageChoice, IsNoneWithoutSpace) {
     EXPECT_EQ(choose_storage(0, 0).place, storage_none);
     EXPECT_EQ(choose_storage(0, 0).free_megabytes, 0U);
-}
-
-TEST(CaptureCommand, TakesTheOptionsVerbatim) {
-    char command[256];
-    format_capture_command(command, sizeof command, "-w 640 ; $x");
-    EXPECT_STREQ(command, "raspivid -t 0 -w 640 ; $x --flush --inline --spstimings -o -");
-    format_capture_command(command, sizeof command, "");
-    EXPECT_STREQ(command, "raspivid -t 0  --flush --inline --spstimings -o -");
-    format_capture_command(command, sizeof command, std::string(99, 'x').c_str());
-    EXPECT_EQ(std::string(command).substr(14),
-              std::string(99, 'x') + " --flush --inline --spstimings -o -");
 }
