@@ -3,6 +3,7 @@
 #include "base/file_text.h"
 #include "base/free_space.h"
 #include "base/shell.h"
+#include "base/version.h"
 #include "config/config.h"
 #include "config/config_keys.h"
 #include "config/display_modes.h"
@@ -14,8 +15,6 @@
 #include <cstring>
 #include <span>
 
-constexpr const char *model_file = "/sys/firmware/devicetree/base/model";
-constexpr const char *program_version = "0.8.19";
 constexpr size_t model_limit = 1000;
 constexpr size_t address_limit = 20;
 constexpr size_t command_output_limit = 9999;
@@ -35,11 +34,13 @@ static std::string quoted(const std::string &text) {
 }
 
 static std::string board_model() {
-    return quoted(file_text(model_file, model_limit));
+    return quoted(file_text(board_model_file, model_limit));
 }
 
 static std::string app_version() {
-    return quoted(program_version);
+    const auto &[major_number, minor_number, patch] = program_version;
+    return quoted(std::to_string(major_number) + "." + std::to_string(minor_number) + "." +
+                  std::to_string(patch));
 }
 
 // The address that another process noted for the interface.

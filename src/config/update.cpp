@@ -111,14 +111,7 @@ static void then_streaming_srt(const cJSON * /*command*/) {
 }
 
 static void then_recording(const cJSON * /*command*/) {
-    const ConfigRecord &config = config_record();
-    for (const uint8_t pin : {static_cast<uint8_t>(config.recording_gpio),
-                              static_cast<uint8_t>(config.recording_btn_gpio),
-                              static_cast<uint8_t>(config.shot_btn_gpio)}) {
-        if (pin != 0) {
-            use_as_input(pin);
-        }
-    }
+    use_inputs(config_record());
     save_config();
     run_shell(recorder_marker_off);
     signal_recorder();

@@ -1,5 +1,7 @@
 #include "core/gpio.h"
 
+#include "config/config.h"
+
 #include <array>
 #include <csignal>
 #include <cstdio>
@@ -46,9 +48,18 @@ void start_gpio() {
           stderr);
 }
 
-void use_as_input(unsigned pin) {
+static void use_as_input(unsigned pin) {
     gpioSetMode(pin, PI_INPUT);
     gpioSetPullUpDown(pin, PI_PUD_UP);
+}
+
+void use_inputs(const ConfigRecord &config) {
+    const uint8_t pins[] = {config.recording_gpio, config.recording_btn_gpio, config.shot_btn_gpio};
+    for (const uint8_t pin : pins) {
+        if (pin != 0) {
+            use_as_input(pin);
+        }
+    }
 }
 
 int read_level(unsigned pin) {

@@ -7,8 +7,10 @@
 // handlers that it sets only SIGPIPE's stays. Start-up only.
 void start_gpio();
 
-// Makes the pin an input with its pull-up on. Any thread.
-void use_as_input(unsigned pin);
+struct ConfigRecord;
+
+// Makes the pins that the configuration uses inputs with their pull-ups on. Any thread.
+void use_inputs(const ConfigRecord &config);
 
 // 0, 1, or negative on failure. Any thread.
 int read_level(unsigned pin);

@@ -72,31 +72,35 @@ InputState initial_input_state() {
     return {button != 0 ? read_level(button) : 0, shot != 0 ? read_level(shot) : 0, 0};
 }
 
+// One input: `examine` tells what its level asks for.
+static void poll_input(InputState &state, uint8_t pin,
+                       InputAction (*examine)(InputState &state, int level)) {
+    const int level = read_level(pin);
+    if (input_is_due(state, now_ms())) {
+        carry_out(examine(state, level));
+        state.last_input_event_ms = now_ms(); // the action may have taken long
+    }
+}
+
+static InputAction examine_live_trigger(InputState & /*state*/, int level) {
+    return examine_trigger(level, is_recording());
+}
+
+static InputAction examine_live_button(InputState &state, int level) {
+    return examine_button(state, level, is_recording());
+}
+
+// The settings change at any time: each is read when its input's turn has come.
 void poll_inputs(InputState &state) {
     const ConfigRecord &config = config_record();
-    const uint8_t trigger = config.recording_gpio;
-    const uint8_t button = config.recording_btn_gpio;
-    const uint8_t shot = config.shot_btn_gpio;
-    if (trigger != 0) {
-        const int level = read_level(trigger);
-        if (input_is_due(state, now_ms())) {
-            carry_out(examine_trigger(level, is_recording()));
-            state.last_input_event_ms = now_ms();
-        }
+    if (const uint8_t trigger = config.recording_gpio; trigger != 0) {
+        poll_input(state, trigger, examine_live_trigger);
     }
-    if (button != 0) {
-        const int level = read_level(button);
-        if (input_is_due(state, now_ms())) {
-            carry_out(examine_button(state, level, is_recording()));
-            state.last_input_event_ms = now_ms();
-        }
+    if (const uint8_t button = config.recording_btn_gpio; button != 0) {
+        poll_input(state, button, examine_live_button);
     }
     // No photos while recording.
-    if (shot != 0 && !is_recording()) {
-        const int level = read_level(shot);
-        if (input_is_due(state, now_ms())) {
-            carry_out(examine_shot(state, level));
-            state.last_input_event_ms = now_ms();
-        }
+    if (const uint8_t shot = config.shot_btn_gpio; shot != 0 && !is_recording()) {
+        poll_input(state, shot, examine_shot);
     }
 }

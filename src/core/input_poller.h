@@ -10,7 +10,7 @@
 struct InputState {
     int button;                   // 1: press seen
     int shot;                     // 1: press seen
-    uint32_t last_input_event_ms; // when an input was last examined; 0: never
+    uint32_t last_input_event_ms; // now_ms() when an input was last examined; 0 to start with
 };
 
 enum class InputAction : uint8_t { none, start_recording, stop_recording, shot };

@@ -5,6 +5,8 @@
 #include "base/file_text.h"
 #include "base/process_end.h"
 #include "base/shell.h"
+#include "base/text.h"
+#include "base/version.h"
 #include "config/config.h"
 #include "config/loader.h"
 #include "config/wired_address.h"
@@ -22,7 +24,6 @@
 #include "transfer/file_download.h"
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <unistd.h>
 
@@ -30,16 +31,12 @@
 #include <bcm_host.h>
 #endif
 
-constexpr int version_major = 0;
-constexpr int version_minor = 8;
-constexpr int version_patch = 19;
 constexpr uint16_t control_port = 5252;
 constexpr uint16_t data_port = 5000;
 constexpr uint16_t video_port = 5001;
 constexpr uint16_t internal_camera_port = 5002;
 constexpr uint16_t audio_port = 5003;
 constexpr const char *config_file = "/run/quillorbeacon/config.conf";
-constexpr const char *model_file = "/sys/firmware/devicetree/base/model";
 constexpr const char *gpio_pid_file = "/var/run/pigpio.pid";
 constexpr const char *default_camera_params =
     "-w 1280 -h 720 -fps 48 --bitrate 2000000 --preview 100,100,320,200";
@@ -51,7 +48,7 @@ static void load_settings() {
 }
 
 static void detect_board(ConfigRecord &config) {
-    const std::string model = file_text(model_file, model_size);
+    const std::string model = file_text(board_model_file, model_size);
     fprintf(stderr, "Board model: %s\n", model.c_str());
     config.slow_cpu = model.find("Zero") != std::string::npos ? 1 : 0;
     if (config.slow_cpu != 0) {
@@ -72,7 +69,8 @@ static void set_up_wired_network(const ConfigRecord &config) {
 
 static void set_default_camera_params(ConfigRecord &config) {
     if (config.internal_camera_params[0] == '\0') {
-        strcpy(config.internal_camera_params, default_camera_params); // NOLINT: it fits
+        copy_text(config.internal_camera_params, sizeof config.internal_camera_params,
+                  default_camera_params);
     }
 }
 
@@ -145,16 +143,6 @@ static void start_server(const ServerStep &step) {
     fputs(step.after, stderr);
 }
 
-static void use_inputs(const ConfigRecord &config) {
-    for (const uint8_t pin : {static_cast<uint8_t>(config.recording_gpio),
-                              static_cast<uint8_t>(config.recording_btn_gpio),
-                              static_cast<uint8_t>(config.shot_btn_gpio)}) {
-        if (pin != 0) {
-            use_as_input(pin);
-        }
-    }
-}
-
 static void start_rc(const ConfigRecord &config) {
     if (config.slow_cpu != 0) {
         return;
@@ -172,7 +160,8 @@ static void start_automove(const ConfigRecord &config) {
 
 void start_up() {
     run_shell("mkdir -p /run/quillorbeacon");
-    fprintf(stderr, "Quillorbeacon-NG v.%d.%d.%d\n", version_major, version_minor, version_patch);
+    fprintf(stderr, "Quillorbeacon-NG v.%d.%d.%d\n", program_version[0], program_version[1],
+            program_version[2]);
     load_settings();
     ConfigRecord &config = config_record();
     detect_board(config);

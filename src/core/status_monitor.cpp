@@ -7,6 +7,7 @@
 #include "base/shared_memory.h"
 #include "base/shell.h"
 #include "base/text.h"
+#include "base/version.h"
 #include "config/config.h"
 #include "config/wlan_iface.h"
 #include "media/data_source.h"
@@ -95,9 +96,7 @@ void fill_status_record(const BoardStatus &status, const ConfigRecord &config, u
     record[osd_at] = static_cast<uint8_t>(static_cast<uint32_t>(config.osd_enabled) +
                                           2 * static_cast<uint32_t>(config.osd_borders));
     record[temperature_at] = static_cast<uint8_t>(status.millidegrees / 1000);
-    record[version_at] = 0;
-    record[version_at + 1] = 8;
-    record[version_at + 2] = 19;
+    memcpy(record + version_at, program_version, sizeof program_version);
     record[storage_place_at] = status.storage.place;
     put_u32(record + storage_free_at, status.storage.free_megabytes);
     put_u32(record + srt_seconds_at, status.srt_seconds);
