@@ -42,11 +42,12 @@ def start(board, tmp_path):
     """start(config="...", model="...", gpio=False, ready=True): runs the daemon on the board.
 
     `config` is the run-time configuration file's text (None: no file), `model` the board model,
-    `gpio` puts levels in /run/gpio behind the GPIO functions; `ready` waits for start-up's end.
+    `gpio` puts levels in /run/gpio behind the GPIO functions; `ready` waits for start-up's end;
+    `binary` is another build of the daemon.
     """
     started = []
 
-    def run(config="", model=None, gpio=False, ready=True, env=None, runner=()):
+    def run(config="", model=None, gpio=False, ready=True, env=None, runner=(), binary=BINARY):
         if config is not None:
             board.write(CONFIG, config)
         if model is not None:
@@ -55,7 +56,7 @@ def start(board, tmp_path):
         if gpio:
             board.path("/run/gpio").mkdir(exist_ok=True)
             variables["LD_LIBRARY_PATH"] = str(BUILD / "tests/gpio")
-        daemon = Daemon(board, BINARY, tmp_path / f"errors-{len(started)}", variables, runner)
+        daemon = Daemon(board, binary, tmp_path / f"errors-{len(started)}", variables, runner)
         started.append(daemon)
         if ready:
             daemon.wait_ready()

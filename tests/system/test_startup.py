@@ -5,7 +5,8 @@ import socket
 
 import pytest
 
-from conftest import wait_until
+from commands import hold, release
+from conftest import BUILD, wait_until
 
 RC = ["Init RC", "Creating new shared raw RC", "Init RC done"]
 MOVEMENTS = ["Auto movement init", "Creating new shared cam state", "Auto movement set list ",
@@ -133,6 +134,25 @@ def test_a_port_in_use_ends_start_up_with_status_1(board, start, port, kind, fai
     if failure.startswith("TCP"):
         expected = [last, "TCP server: Could not bind socket", failure]
     assert lines[-len(expected):] == expected
+
+
+VIDEO_CORE_BUILD = BUILD / "tests/quillorbeacon_video_core"
+
+
+@pytest.mark.skipif(not VIDEO_CORE_BUILD.exists(), reason="built with the real library")
+@pytest.mark.parametrize("model, before, after", [
+    ("Board 5", "Board model: Board 5", "Init RC"), ("Zero", "SLOW CPU!", "Init UDP server")])
+def test_the_video_core_library_is_started_where_there_is_one(board, start, model, before, after):
+    hold(board, "dhcpcd")
+    daemon = start(model=model, binary=VIDEO_CORE_BUILD, ready=False)
+    wait_until(lambda: "dhcpcd --rebind eth0" in board.log(), "the wired network set up")
+    assert "bcm_host_init" not in daemon.errors()
+    release(board, "dhcpcd")
+    daemon.wait_ready()
+    lines = startup_lines(daemon)
+    at = lines.index("bcm_host_init")
+    assert lines[at - 1:at + 2] == [before, "bcm_host_init", after]
+    assert lines.count("bcm_host_init") == 1
 
 
 def test_the_gpio_pid_file_is_deleted_before_the_library_starts(board, start):
