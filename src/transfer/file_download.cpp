@@ -20,7 +20,7 @@ static_assert(sizeof(off_t) == 8); // on a 32-bit board too, or a large file can
 
 constexpr uint32_t idle_period_us = 30000;
 constexpr uint32_t busy_period_us = 100; // while a transfer is in progress
-constexpr uint32_t busy_turns = 50000;   // some ten seconds: then the client has gone
+constexpr uint32_t busy_turns = 50000;   // without a request: then the client has gone
 constexpr size_t path_size = 256;
 
 // The download state; everything but the period is read and written under the transfer lock.
@@ -69,25 +69,33 @@ void request_file_download(const char *host, uint16_t port, const char *path, in
     unlock_transfer();
 }
 
-// The size of a regular file, at most what the piece can tell; negative for anything else.
-static int32_t regular_file_size(const char *path) {
-    struct stat status {};
-    if (stat(path, &status) != 0 || !S_ISREG(status.st_mode)) {
-        return -1;
-    }
-    return static_cast<int32_t>(
-        std::min<off_t>(status.st_size, std::numeric_limits<int32_t>::max()));
+static bool is_regular(const struct stat &status) {
+    return S_ISREG(status.st_mode);
 }
 
+// Opens the file of the request and finds out its size, once in a transfer. Negative for what
+// cannot be opened and for what is no regular file.
 static int open_file() {
-    const int32_t size = regular_file_size(state.path);
-    if (size < 0) {
+    // Looked at first: opening a device may already do something.
+    struct stat status {};
+    if (stat(state.path, &status) != 0 || !is_regular(status)) {
+        return -1;
+    }
+    // Without waiting: some files of /proc count as regular, and a read of them waits for news.
+    const int fd = open(state.path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        return -1;
+    }
+    // Looked at again: by now the path may lead elsewhere.
+    if (fstat(fd, &status) != 0 || !is_regular(status)) {
+        close(fd);
         return -1;
     }
     if (state.full_size == 0) {
-        state.full_size = size;
+        constexpr off_t largest = std::numeric_limits<int32_t>::max(); // that a piece can tell
+        state.full_size = static_cast<int32_t>(std::min(status.st_size, largest));
     }
-    return open(state.path, O_RDONLY | O_CLOEXEC);
+    return fd;
 }
 
 static void send_piece(RelayPacket &packet, size_t length, int32_t offset, int32_t full_size) {
@@ -98,11 +106,14 @@ static void send_piece(RelayPacket &packet, size_t length, int32_t offset, int32
     relay_to_client(relay_type_file, packet, state.host, static_cast<uint16_t>(state.port));
 }
 
-// Reads until the piece is full or the file ends.
+// Reads until the piece is full, the file ends or nothing more is there without waiting.
 static size_t read_piece(int fd, uint8_t *data) {
     size_t used = 0;
-    ssize_t length = 0;
-    while (used < piece_capacity && (length = read(fd, data + used, piece_capacity - used)) > 0) {
+    while (used < piece_capacity) {
+        const ssize_t length = TEMP_FAILURE_RETRY(read(fd, data + used, piece_capacity - used));
+        if (length <= 0) {
+            break;
+        }
         used += static_cast<size_t>(length);
     }
     return used;
@@ -111,7 +122,7 @@ static size_t read_piece(int fd, uint8_t *data) {
 // Serves the pending request, with the lock held. False: the offset was no place in the file, and
 // the next turn follows at once.
 static bool serve_request() {
-    RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): filled by the read
+    RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): as long as is sent
     const int fd = open_file();
     if (fd < 0) {
         fprintf(stderr, "Failed to read file %s\n", state.path);

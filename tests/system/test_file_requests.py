@@ -51,7 +51,8 @@ def test_a_long_path_is_cut(board, daemon, client, path):
 def test_a_long_path_to_nothing(daemon, client):
     path = "/run/" + "n" * 3000
     assert get(client, path) == (0, 0, b"")
-    daemon.wait_error(f"Failed to read file {path[:255]}\n" + FINISHED)
+    daemon.wait_error(FINISHED)
+    assert said(daemon)[1:] == [f"Failed to read file {path[:255]}", "File finished"]
 
 
 def test_paths_are_no_formats_and_no_commands(board, daemon, client):
@@ -59,6 +60,24 @@ def test_paths_are_no_formats_and_no_commands(board, daemon, client):
         board.write(f"/run/{name}", name)
         assert get(client, f"/run/{name}") == (0, len(name), name.encode())
         daemon.wait_error(piece_line(f"/run/{name}", len(name), 0, len(name)) + "\n")
+
+
+def test_a_file_whose_reads_wait_for_news_holds_nobody_up(board, daemon, client):
+    kernel_messages = "/proc/kmsg"  # counts as a regular file, of 0 bytes
+    try:
+        os.close(os.open(kernel_messages, os.O_RDONLY))
+    except OSError as error:
+        pytest.skip(f"{kernel_messages}: {error.strerror}")
+    # All there is is taken; then a read would wait.
+    for _ in range(1000):
+        offset, full, data = get(client, kernel_messages)
+        assert (offset, full) == (0, 0)
+        if not data:
+            break
+    board.write("/run/f", "data")
+    for _ in range(2):
+        assert get(client, kernel_messages)[:2] == (0, 0)
+        assert get(client, "/run/f") == (0, 4, b"data")
 
 
 def test_a_request_without_a_path_is_not_answered(board, daemon, client):
