@@ -9,7 +9,8 @@
 //
 // The producer fills a slot (length, identifier, data) and sets its ready flag last. The daemon
 // takes slots in order, the one at the read index next, and clears the ready flag when it takes
-// the frame. A frame whose identifier equals that of the frame before is dropped.
+// the frame, before it reads it: until the next one is taken the producer leaves that slot alone. A
+// frame whose identifier equals that of the frame before is dropped.
 // docs/source-protocol.md tells a producer what to do, with an example in C.
 
 constexpr const char *main_ring_name = "quillorbeacon_framebuffer";

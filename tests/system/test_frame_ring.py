@@ -1,14 +1,19 @@
 """The frame rings: how they are prepared, and how frames are taken out of them."""
 
+import os
 import random
 import stat
 import statistics
+import subprocess
 import time
 from pathlib import Path
 
 import pytest
 
+from commands import Console
 from conftest import wait_until
+from test_protocol_doc import PROGRAMS
+from test_tcp import connect, reset, wait_served  # noqa: F401
 
 MAIN = "quillorbeacon_framebuffer"
 TRANSCODING = "quillorbeacon_framebuffer_transcoding"
@@ -63,7 +68,7 @@ def wait_reader_passes(daemon, count=5):
 
 def receive_video(client, length):
     """The next `length` bytes of video."""
-    received = b""
+    received = bytearray()
     while len(received) < length:
         received += client.receive_type(1)[2]
     return received
@@ -351,3 +356,84 @@ def test_waiting_frames_are_taken_without_a_pause_between_them(daemon, make_prod
     producer.fill(0, b"x", 0)
     wait_until(lambda: not producer.is_ready(199), "all frames taken", interval=0)
     assert time.monotonic() - began < 0.3  # with a pause of 2 ms after each it takes 0.4 s
+
+
+def test_each_duplicate_costs_a_pause(daemon, make_producer):
+    producer = make_producer()
+    for slot in range(1, 200):
+        producer.fill(slot, b"x", 5)
+    began = time.monotonic()
+    producer.fill(0, b"x", 5)
+    wait_until(lambda: not producer.is_ready(199), "all slots taken", interval=0)
+    assert time.monotonic() - began >= 0.39  # 2 ms after each of 198
+
+
+def test_switching_the_rings_leaves_each_its_place(board, daemon, make_client, make_producer,
+                                                   receiver):
+    console, client = Console(board, daemon, make_client("127.0.0.3")), receiver(daemon)
+    main, second = make_producer(MAIN), make_producer(TRANSCODING)
+    second.identifier = 1000  # one is remembered for both rings
+
+    def indexes():
+        return main.read_index, second.read_index
+
+    main.publish(b"main 0")
+    second.publish(b"second 0")
+    assert client.receive_type(1)[2] == b"main 0"
+    assert indexes() == (1, 0)
+    console.update("transcoding", "1")
+    assert client.receive_type(1)[2] == b"second 0"
+    main.publish(b"main 1")
+    second.publish(b"second 1")
+    assert client.receive_type(1)[2] == b"second 1"
+    assert indexes() == (1, 2)
+    console.update("transcoding", "0")
+    assert client.receive_type(1)[2] == b"main 1"
+    second.publish(b"second 2")
+    main.publish(b"main 2")
+    assert client.receive_type(1)[2] == b"main 2"
+    assert indexes() == (3, 2)
+    console.update("transcoding", "1")
+    assert client.receive_type(1)[2] == b"second 2"
+    assert indexes() == (3, 3)
+
+
+def process_on(board, name):
+    """The /proc folder of the board's program of that name; None: there is none."""
+    home = os.readlink(f"/proc/{board.pid}/ns/pid")
+    for process in Path("/proc").glob("[0-9]*"):
+        try:
+            if ((process / "comm").read_text() == name + "\n"
+                    and os.readlink(process / "ns/pid") == home):
+                return process
+        except OSError:
+            pass  # it has ended
+    return None
+
+
+def sleeps_of(process):
+    status = (process / "status").read_text()
+    return int(status.split("\nvoluntary_ctxt_switches:")[1].split()[0])
+
+
+def test_frames_stay_whole_in_a_full_ring(board, daemon, make_producer, receiver, tmp_path,
+                                          connect):  # noqa: F811
+    """The documents' source writes while a client that does not read holds the daemon up."""
+    frames = [b"\0\0\0\1\x09" + bytes([number % 250 + 2]) * 39995 for number in range(400)]
+    stream = b"".join(frames)
+    board.write("/tmp/stream", stream)
+    (tmp_path / "source.c").write_text(PROGRAMS["ring_source.c"])
+    subprocess.run(["gcc", "-O2", "-o", tmp_path / "ring_source", tmp_path / "source.c"],
+                   check=True)
+    board.write("/tmp/ring_source", (tmp_path / "ring_source").read_bytes()).chmod(0o755)
+    client, ring, slow = receiver(daemon), make_producer(), connect(receive_buffer=2000)
+    wait_served(daemon, slow)
+    source = board.popen("/bin/sh", "-c", "exec /tmp/ring_source < /tmp/stream")
+
+    wait_until(lambda: sum(map(ring.is_ready, range(200))) >= 199, "a full ring", 30)
+    process = process_on(board, "ring_source")
+    end = sleeps_of(process) + 100
+    wait_until(lambda: sleeps_of(process) > end, "a source that waits", 30)
+    reset(slow)
+    assert receive_video(client, len(stream)) == stream
+    assert source.wait(30) == 0

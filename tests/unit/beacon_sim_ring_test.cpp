@@ -92,7 +92,7 @@ TEST_F(RingWriterTest, CountsIdentifiersThroughAllThreeBytes) {
 
 TEST_F(RingWriterTest, HasNoRoomWhileTheRingIsFull) {
     RingWriter ring = begin();
-    for (unsigned i = 0; i < ring_slot_count; ++i) {
+    for (unsigned i = 0; i < ring_slot_count - 1; ++i) {
         ASSERT_TRUE(ring_has_room(ring));
         publish(ring, std::to_string(i));
     }
@@ -102,6 +102,25 @@ TEST_F(RingWriterTest, HasNoRoomWhileTheRingIsFull) {
     EXPECT_TRUE(ring_has_room(ring));
     publish(ring, "more");
     EXPECT_FALSE(ring_has_room(ring));
+}
+
+TEST_F(RingWriterTest, LeavesTheFrameAloneThatTheReaderIsAt) {
+    for (const uint16_t first : {uint16_t{0}, uint16_t{1}, uint16_t{198}, uint16_t{199}}) {
+        std::fill(bytes_.begin(), bytes_.end(), 0);
+        set_read_index(first);
+        last_ = FrameIdentifier{};
+        RingWriter ring = begin();
+        publish(ring, "in hand");
+        const TakenFrame frame = take_frame(bytes_.data(), capacity, last_);
+        ASSERT_EQ(frame.result, TakeResult::frame);
+        unsigned waiting = 0;
+        for (; ring_has_room(ring); ++waiting) {
+            ASSERT_LT(waiting, ring_slot_count);
+            publish(ring, "newer");
+        }
+        EXPECT_EQ(waiting, ring_slot_count - 1);
+        EXPECT_EQ(std::string(reinterpret_cast<const char *>(frame.data), frame.length), "in hand");
+    }
 }
 
 TEST_F(RingWriterTest, SurvivesAReadIndexOutOfRange) {

@@ -35,7 +35,8 @@ RingWriter begin_ring(uint8_t *base, uint32_t frame_capacity) {
 }
 
 bool ring_has_room(const RingWriter &ring) {
-    return !is_ready(ring, ring.slot);
+    // In a ring full to the last slot the free one is the one that the daemon still reads.
+    return !is_ready(ring, ring.slot) && !is_ready(ring, (ring.slot + 1) % ring_slot_count);
 }
 
 int64_t publish_frame(RingWriter &ring, const uint8_t *data, uint32_t length) {
