@@ -18,7 +18,7 @@ static UdpEndpoint kcp_endpoint;
 static uint8_t datagram_buffer[receive_size];
 // What ikcp_recv delivers; touched by the receive thread only.
 static char data_buffer[receive_size];
-// Created once; all operations on it run under the transfer lock.
+// Null: the server has not been started. All operations on it run under the transfer lock.
 static ikcpcb *control_block;
 static KcpDataHandler handle_data;
 
@@ -77,6 +77,7 @@ int init_kcp_server(uint16_t port, KcpDataHandler handler) {
     handle_data = handler;
     if (udp_endpoint_open(kcp_endpoint, port, run_receive_thread) != 0) {
         ikcp_release(control_block);
+        control_block = nullptr;
         return -1;
     }
     kcp_endpoint.on_packet = on_packet;
@@ -92,7 +93,7 @@ uint16_t kcp_server_port() {
 
 int kcp_server_send(const char *data, int length) {
     lock_transfer();
-    const int result = ikcp_send(control_block, data, length);
+    const int result = control_block != nullptr ? ikcp_send(control_block, data, length) : -1;
     unlock_transfer();
     return result;
 }

@@ -5,6 +5,7 @@
 #include "base/text.h"
 #include "transfer/transfer_lock.h"
 
+#include <algorithm>
 #include <ctime>
 #include <gtest/gtest.h>
 #include <ikcp.h>
@@ -36,7 +37,20 @@ static int send_to_server(const char *data, int length, ikcpcb * /*kcp*/, void *
 class KcpServer : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
+        try_an_occupied_port();
         ASSERT_EQ(init_kcp_server(0, keep), 0);
+    }
+
+    // Before the server is there, as there is only one.
+    static void try_an_occupied_port() {
+        const int occupier = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address = socket_address(ipv4_port("0.0.0.0", 0));
+        socklen_t length = sizeof address;
+        bind(occupier, reinterpret_cast<const sockaddr *>(&address), length);
+        getsockname(occupier, reinterpret_cast<sockaddr *>(&address), &length);
+        start_at_occupied_port_ = init_kcp_server(ntohs(address.sin_port), keep);
+        send_without_server_ = kcp_server_send("x", 1);
+        close(occupier);
     }
 
     KcpServer() {
@@ -91,6 +105,8 @@ protected:
         return true;
     }
 
+    static inline int start_at_occupied_port_;
+    static inline int send_without_server_;
     int socket_ = -1;
     ikcpcb *peer_ = nullptr;
     std::string received_;
@@ -125,6 +141,11 @@ TEST_F(KcpServer, CarriesBytesBothWays) {
     EXPECT_EQ(received_.substr(before), "end");
 }
 
+TEST_F(KcpServer, IsNotThereWhenItsPortIsOccupied) {
+    EXPECT_EQ(start_at_occupied_port_, -1);
+    EXPECT_EQ(send_without_server_, -1) << "there is nothing to send with";
+}
+
 // The peer acknowledges nothing, so all that comes is the first flight. Its size shows the windows
 // without congestion control, its headers stream mode, and its datagrams the mtu.
 TEST_F(KcpServer, SendsAWholeWindowOfFullSegmentsAtOnce) {
@@ -156,4 +177,133 @@ TEST_F(KcpServer, SendsAWholeWindowOfFullSegmentsAtOnce) {
         data += length - ikcp_header_size;
     }
     EXPECT_EQ(data, sent.size());
+}
+
+namespace {
+// A segment of the server's, as the wire has it.
+struct Push {
+    uint32_t sn;
+    uint32_t ts; // the server's own time, so that a busy machine does not matter
+};
+} // namespace
+
+// A peer that speaks the wire's format by hand.
+class KcpServerWire : public KcpServer {
+protected:
+    // Frees the server of what earlier peers left unacknowledged.
+    KcpServerWire() {
+        ask(1 << 20);
+    }
+
+    static std::string header(uint8_t cmd, uint32_t sn, uint32_t ts, uint32_t una) {
+        uint8_t bytes[ikcp_header_size]{};
+        put_u32(bytes + ikcp_offset_conv, kcp_server_conv);
+        bytes[ikcp_offset_cmd] = cmd;
+        put_u16(bytes + ikcp_offset_wnd, 128);
+        put_u32(bytes + ikcp_offset_ts, ts);
+        put_u32(bytes + ikcp_offset_sn, sn);
+        put_u32(bytes + ikcp_offset_una, una);
+        return {reinterpret_cast<const char *>(bytes), sizeof bytes};
+    }
+
+    // Sends the headers as one datagram, with a question behind them, and waits for the answer:
+    // by then the server has read them and sent what they made it send.
+    void ask(uint32_t una, const std::string &headers = {}) {
+        const std::string datagram = headers + header(ikcp_cmd_ask, 0, 0, una);
+        send(socket_, datagram.data(), datagram.size(), 0);
+        const int answers = answers_;
+        ASSERT_TRUE(receive_until([&] { return answers_ > answers; }));
+    }
+
+    Push next_push() {
+        EXPECT_TRUE(receive_until([&] { return !pushes_.empty(); }));
+        if (pushes_.empty()) {
+            return {};
+        }
+        const Push push = pushes_.front();
+        pushes_.erase(pushes_.begin());
+        return push;
+    }
+
+    Push pushed(const std::string &data) {
+        EXPECT_EQ(kcp_server_send(data.data(), static_cast<int>(data.size())), 0);
+        return next_push();
+    }
+
+    // Makes the server believe that an answer takes `rtt` ms, or a little longer.
+    void teach(uint32_t rtt) {
+        const Push push = pushed("x");
+        std::string acks;
+        for (int i = 0; i < 200; ++i) {
+            acks += header(ikcp_cmd_ack, push.sn, push.ts - rtt, push.sn + 1);
+        }
+        ask(push.sn + 1, acks);
+    }
+
+    template <typename Condition>
+    bool receive_until(Condition condition) {
+        pollfd wanted{socket_, POLLIN, 0};
+        while (!condition()) {
+            if (poll(&wanted, 1, 10000) != 1) {
+                return false;
+            }
+            receive();
+        }
+        return true;
+    }
+
+    void receive() {
+        uint8_t datagram[65536];
+        const ssize_t length = recv(socket_, datagram, sizeof datagram, 0);
+        const uint8_t *end = datagram + std::max<ssize_t>(length, 0);
+        for (const uint8_t *at = datagram; end - at >= static_cast<ssize_t>(ikcp_header_size);) {
+            const uint8_t cmd = at[ikcp_offset_cmd];
+            answers_ += cmd == ikcp_cmd_tell ? 1 : 0;
+            if (cmd == ikcp_cmd_push) {
+                pushes_.push_back({get_u32(at + ikcp_offset_sn), get_u32(at + ikcp_offset_ts)});
+            }
+            at += ikcp_header_size + get_u32(at + ikcp_offset_len);
+        }
+    }
+
+    std::vector<Push> pushes_; // not asked for yet
+    int answers_ = 0;
+};
+
+TEST_F(KcpServerWire, RepeatsASegmentThatTwoAcksHaveGoneAround) {
+    teach(30000); // a repetition for want of an ack is half a minute away
+    const Push first = pushed(std::string(4UL * 1376, 'x'));
+    for (uint32_t i = 1; i < 4; ++i) {
+        ASSERT_EQ(next_push().sn, first.sn + i);
+    }
+    ask(first.sn, header(ikcp_cmd_ack, first.sn + 1, first.ts - 30000, first.sn));
+    ask(first.sn);
+    ask(first.sn);
+    EXPECT_TRUE(pushes_.empty()) << "one ack is not enough";
+    ask(first.sn, header(ikcp_cmd_ack, first.sn + 2, first.ts - 30000, first.sn));
+    const Push again = next_push();
+    EXPECT_EQ(again.sn, first.sn);
+    EXPECT_LT(again.ts - first.ts, 30000U);
+}
+
+// What delays the first repetition: the time an answer takes, an interval of 30 ms, and an eighth
+// of both.
+TEST_F(KcpServerWire, RepeatsASegmentWithoutAnAckNoSoonerThanItMay) {
+    teach(208); // by integers of an eighth: 201 at least
+    const Push first = pushed("y");
+    const Push again = next_push();
+    EXPECT_EQ(again.sn, first.sn);
+    EXPECT_GE(again.ts - first.ts, 201U + 30 + (201 + 30) / 8);
+}
+
+TEST_F(KcpServerWire, SendsEvery30Milliseconds) {
+    uint32_t shortest = UINT32_MAX;
+    Push last = pushed("z");
+    for (int i = 0; i < 200 && shortest > 60; ++i) {
+        ask(last.sn + 1);
+        const Push next = pushed("z");
+        shortest = std::min(shortest, next.ts - last.ts);
+        last = next;
+    }
+    EXPECT_LE(shortest, 60U);
 }
