@@ -14,7 +14,7 @@ constexpr uint32_t loss_check_us = 1000000;
 static UdpEndpoint audio_endpoint;
 // The receive buffer is the payload of the packet that is relayed: nothing is copied.
 static RelayPacket staging;
-static Relaxed<uint8_t> present; // 1: found, 0: lost
+static Relaxed<uint8_t> present; // 1: found, 0: lost; only kept, nobody asks for it
 
 static void *run_receive_thread(void * /*unused*/) {
     name_thread("audio-rx");

@@ -31,13 +31,17 @@ enum class TakeResult : uint8_t {
 
 struct TakenFrame {
     TakeResult result;
-    const uint8_t *data; // in the ring: valid until the producer comes round again
-    uint32_t length;     // also the bad length; for bad_index the index
+    const uint8_t *data; // in the ring: valid until the next frame is taken
+    uint32_t length;     // of the frame, also a bad one
+    unsigned index;      // the read index as it was found, also a bad one
 };
 
 // Opens or creates the ring's shared memory, maps it and sets its two marks. An existing ring keeps
-// its slots and read index. Called again, it opens the object anew at the same address. Any thread,
-// one at a time; a failure is one line on standard error and leaves the ring unmapped.
+// its slots and read index. Called again, it opens the object anew at the same address. A failure
+// is one line on standard error and leaves the ring as it was: at first unmapped, later with the
+// mapping it has. Any thread; several at once do no harm, as each puts the same object at the same
+// address. (Where start-up's call has failed, two at once may map it twice: one mapping is never
+// used.)
 void prepare_frame_ring(FrameRing &ring);
 
 // Takes the next frame of a ring at `base`, if one is ready: advances the read index, clears the

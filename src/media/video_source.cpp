@@ -96,16 +96,18 @@ static void relay_frame(const TakenFrame &frame) {
     restream(frame.data, frame.length);
 }
 
-// One line at most a second about slots and indexes that a crashed producer left behind.
-static void report_damage(const FrameRing &ring, const char *what, uint32_t number) {
+// One line at most a second about slots and indexes that a crashed producer left behind, and what
+// was done about it.
+static void report_damage(const FrameRing &ring, const char *what, uint32_t number,
+                          const char *remedy) {
     static uint32_t last_report;
     static unsigned unreported;
     if (last_report != 0 && now_ms() - last_report < damage_report_ms) {
         ++unreported;
         return;
     }
-    fprintf(stderr, "Frame ring %s: %s %u, skipped (%u more since the last such line)\n", ring.name,
-            what, number, unreported);
+    fprintf(stderr, "Frame ring %s: %s %u, %s (%u more since the last such line)\n", ring.name,
+            what, number, remedy, unreported);
     last_report = now_ms();
     unreported = 0;
 }
@@ -123,10 +125,10 @@ static bool read_next_frame(FrameIdentifier &last) {
         relay_frame(frame);
         return true;
     case TakeResult::bad_index:
-        report_damage(ring, "read index out of range", frame.length);
+        report_damage(ring, "read index out of range", frame.index, "set to 0");
         return true;
     case TakeResult::bad_length:
-        report_damage(ring, "frame longer than its slot", frame.length);
+        report_damage(ring, "frame longer than its slot", frame.length, "skipped");
         return true;
     case TakeResult::none:
     case TakeResult::duplicate:

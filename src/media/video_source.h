@@ -9,7 +9,7 @@
 // Returns 0, or -1 when the port cannot be bound: then nothing else is done. Start-up only.
 int init_video_source(uint16_t port);
 
-// Opens both frame rings anew. Any thread, one at a time.
+// Opens both frame rings anew. Any thread, several at once too: prepare_frame_ring.
 void reinit_frame_rings();
 
 // Is video arriving? Any thread.

@@ -121,7 +121,7 @@ TEST_F(Ring, AnIndexOutOfRangeStartsAgainAtZero) {
         set_index(static_cast<uint16_t>(bad));
         const TakenFrame frame = take();
         EXPECT_EQ(frame.result, TakeResult::bad_index);
-        EXPECT_EQ(frame.length, bad);
+        EXPECT_EQ(frame.index, bad);
         EXPECT_EQ(index(), 0U);
     }
 }
