@@ -171,6 +171,26 @@ def test_clients_get_their_video_as_well(start, make_producer, receiver, registe
     assert [receiver.recv(65535) for _ in range(2)] == cut(frame, 1000)
 
 
+def test_clients_get_a_frame_before_it_is_restreamed(start, make_producer, make_client):
+    client = make_client("127.0.0.2")
+    client.socket.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, LARGE)
+    daemon = start(configuration(f"{client.host}:{client.port}"))
+    client.register()
+    daemon.wait_error(f"New client connected from {client.host}:{client.port} ")
+    frame = random_frame(10000)
+    make_producer().publish(frame)
+    relayed, raw = [], []
+    client.socket.settimeout(10)
+    while len(raw) < 10:
+        datagram, sender = client.socket.recvfrom(65535)
+        if sender == ("127.0.0.1", 5001):
+            raw.append(datagram)
+        elif datagram[1] == 1:
+            assert not raw, "video behind what is restreamed"
+            relayed.append(datagram[12:])
+    assert relayed == cut(frame, 1300) and raw == cut(frame, 1000)
+
+
 @pytest.mark.parametrize("enabled", [2, -1])
 def test_any_number_but_0_enables_it(start, make_producer, receiver, enabled):
     start(configuration(enabled=enabled))

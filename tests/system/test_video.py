@@ -7,6 +7,7 @@ from pathlib import Path
 import pytest
 
 from conftest import wait_until
+from test_tcp import connect, receive_video, reset, stall, udp_client, wait_served  # noqa: F401
 
 SO_RCVBUFFORCE = 33
 LARGE = 32 << 20
@@ -148,6 +149,19 @@ def test_frames_that_keep_coming_keep_video_present(daemon, make_producer):
         producer.wait_taken(slot)
         time.sleep(0.02)
     assert count(daemon, "found") == 1 and count(daemon, "lost") == 0
+
+
+def test_a_frame_counts_from_when_it_was_taken(board, daemon, make_producer, connect,  # noqa: F811
+                                               udp_client):  # noqa: F811
+    """However long its relay takes: here a client that does not read makes that seconds."""
+    connection, producer = connect(receive_buffer=2000), make_producer()
+    wait_served(daemon, connection)
+    expected = stall(connection, producer, udp_client)
+    wait_until(lambda: count(daemon, "lost") == count(daemon, "found"), "video lost")
+    reset(connection)
+    assert receive_video(udp_client, expected) == bytes(expected)
+    wait_longer_than_a_loss_takes(board, daemon)
+    assert count(daemon, "lost") == count(daemon, "found")
 
 
 def test_video_is_lost_once(board, daemon, make_producer):
