@@ -7,8 +7,7 @@
 // to all clients; and the way back, for commands to that process.
 
 // Handles a datagram of the data source that begins with "{", after it has been relayed. `data` is
-// followed by zeros up to the end of the receive buffer and by one zero at least. Runs on the data
-// source's receive thread.
+// followed by one zero at least. Runs on the data source's receive thread.
 using SourceCommandHandler = void (*)(uint8_t *data, uint16_t length, const char *host,
                                       uint16_t port);
 

@@ -13,6 +13,9 @@ constexpr uint32_t peer_timeout_ms = 5000;
 constexpr uint32_t housekeeping_us = 1000000;
 constexpr const char *clients_file = "/run/quillorbeacon/clients.json";
 
+// What the header promises a handler.
+static_assert(relay_header_size + client_payload_size <= udp_cleared_size);
+
 static UdpEndpoint control_endpoint;
 // One byte more than is received, so that a text that fills it still ends in a zero.
 static uint8_t receive_buffer[receive_size + 1];

@@ -223,7 +223,7 @@ void dispatch_client_packet(uint8_t *payload, uint16_t length, const char *host,
         send_info_reply(host, port);
         break;
     case request_register:
-        // A missing mode byte reads as 0: the buffer behind the payload is zeros.
+        // A missing mode byte reads as 0: zeros follow a payload.
         register_client(relay_clients(), ipv4_port(host, port), payload[1] == mode_data_only,
                         now_ms());
         break;

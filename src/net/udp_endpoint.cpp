@@ -4,6 +4,7 @@
 #include "base/pause.h"
 #include "base/process_end.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -56,6 +57,12 @@ static size_t receive(const UdpEndpoint &endpoint, uint8_t *buffer, sockaddr_in 
     return static_cast<size_t>(length);
 }
 
+// Done after the receive: until then the kernel may have put there, and dropped, datagrams whose
+// checksum was wrong.
+static void clear_behind(uint8_t *buffer, size_t length, size_t buffer_size) {
+    memset(buffer + length, 0, std::min(udp_cleared_size, buffer_size - length));
+}
+
 static void deliver(UdpEndpoint &endpoint, uint8_t *buffer, size_t length, Ipv4Port sender) {
     char host[ipv4_text_size];
     host_text(sender, host);
@@ -80,16 +87,11 @@ void udp_endpoint_run(UdpEndpoint &endpoint) {
     while ((buffer = endpoint.buffer.load(std::memory_order_acquire)) == nullptr) {
         sleep_us(buffer_wait_us);
     }
-    // Only what the datagram before left behind needs clearing: the rest is zero already.
-    size_t used = endpoint.clear_before_read ? endpoint.buffer_size : 0;
     for (;;) {
         sockaddr_in sender{};
         const size_t length = receive(endpoint, buffer, sender);
         if (endpoint.clear_before_read) {
-            if (used > length) {
-                memset(buffer + length, 0, used - length);
-            }
-            used = length;
+            clear_behind(buffer, length, endpoint.buffer_size);
         }
         deliver(endpoint, buffer, length, from_socket_address(sender));
     }

@@ -7,6 +7,12 @@
 #include <cstddef>
 #include <cstdint>
 
+// How many bytes read as zeros behind a datagram of an endpoint with `clear_before_read`, as far as
+// the buffer reaches. Clearing all of a buffer for each datagram would cost more than receiving it.
+// Nobody looks as far: a text ends with the first zero; of a client's request 20 bytes may be
+// looked at, however short the datagram.
+constexpr size_t udp_cleared_size = 128;
+
 // One IPv4 UDP socket bound to a local port, with a receive thread, callbacks, and a detector of
 // lost and found peers. Endpoints are static objects that live as long as the process.
 //
@@ -26,7 +32,7 @@ struct UdpEndpoint {
     void (*on_found_port)(const char *peer_host, uint16_t peer_port);
 
     uint32_t timeout_ms = 1000; // silence after which the peer is lost
-    bool clear_before_read;     // the bytes behind each datagram read as zeros
+    bool clear_before_read;     // udp_cleared_size bytes behind each datagram read as zeros
     Relaxed<uint32_t> rx_bytes; // received since open
     Relaxed<uint32_t> tx_bytes; // handed to udp_endpoint_send and _send_to since open
     // Ipv4Port of the last sender: peer_host and peer_port; 0: none. Publishes `socket` to threads

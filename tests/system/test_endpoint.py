@@ -22,6 +22,14 @@ def count(daemon, line):
     return daemon.errors().splitlines().count(line)
 
 
+def udp_errors(daemon):
+    """How many datagrams have been dropped for their checksum, on this board."""
+    names, numbers = [line.split() for line in
+                      Path(f"/proc/{daemon.pid}/net/snmp").read_text().splitlines()
+                      if line.startswith("Udp:")]
+    return int(numbers[names.index("InCsumErrors")])
+
+
 def holds(condition, seconds):
     """Is the condition true all that time?"""
     end = time.monotonic() + seconds
@@ -135,6 +143,60 @@ def test_a_cut_header_does_not_see_the_request_before(daemon, make_client, lengt
     second.send(b"", header=b"R" + b"\x02" * (length - 1))
     assert second.receive()[2][:1] == b"\x01"
     assert daemon.errors().count("New client connected") == 1
+
+
+FORGE = """
+import socket, struct, sys
+forged = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_UDP)
+forged.bind(("127.0.0.9", 0))
+datagram = bytes.fromhex(sys.argv[2])
+header = struct.pack("!HHHH", 4000, int(sys.argv[1]), 8 + len(datagram), 0xBEEF)
+forged.sendto(header + datagram, ("127.0.0.1", 0))
+"""
+
+
+def send_with_wrong_checksum(board, daemon, port, datagram):
+    """The kernel copies the datagram to the daemon's buffer, more than 76 bytes, and drops it."""
+    rejected = udp_errors(daemon)
+    board.run("/usr/bin/python3", "-c", FORGE, str(port), datagram.hex())
+    wait_until(lambda: udp_errors(daemon) == rejected + 1, "the datagram rejected")
+
+
+def test_a_request_does_not_see_a_rejected_one(board, daemon, make_client):
+    first, second = make_client("127.0.0.2"), make_client("127.0.0.3")
+    first.ask_info()
+    assert first.receive()[2][:1] == b"\x01"
+    send_with_wrong_checksum(board, daemon, CONTROL, b"R" + bytes(11) + b"\x01" * 400)
+    second.send(b"\x02")
+    daemon.wait_error(f"from 127.0.0.3:{second.port}  \n")
+    text = '{"cmd":"config_request","param":"system"}'
+    send_with_wrong_checksum(board, daemon, CONTROL, b"R" + bytes(11) + b"Z" * 400)
+    first.send(text.encode())
+    assert first.receive()[2].startswith(b'{"cmd":"config_answer"')
+    assert f"parse_packet json {text}\n" in daemon.errors()
+
+
+def test_a_cut_header_does_not_see_a_rejected_request(board, daemon, make_client):
+    client = make_client()
+    for _ in range(2):
+        client.send(b"", header=b"R")
+        assert client.receive()[2][:1] == b"\x01"
+        send_with_wrong_checksum(board, daemon, CONTROL, b"R" + bytes(11) + b'{"cmd":"restart"}'
+                                 + b" " * 200)
+    client.send(b"", header=b"R")
+    assert client.receive()[2][:1] == b"\x01"
+    assert "parse_packet" not in daemon.errors()
+
+
+def test_data_does_not_see_a_rejected_datagram(board, daemon):
+    source = board.socket()
+    send_to(source, DATA, b"here")
+    daemon.wait_error("Data found")
+    send_with_wrong_checksum(board, daemon, DATA, b"{" + b"x" * 400)
+    text = '{"cmd":"nothing"}'
+    send_to(source, DATA, text.encode())
+    daemon.wait_error("parse_packet json {")
+    assert f"parse_packet json {text}\n" in daemon.errors()
 
 
 def test_the_servers_listen_on_every_address(board, start, registered_client):
