@@ -5,6 +5,7 @@
 #include "base/process_end.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <netinet/tcp.h>
 #include <pthread.h>
@@ -34,7 +35,8 @@ bool tcp_client_connected() {
 void tcp_send_block(const uint8_t *data, size_t length) {
     sending.store(true);
     if (connected.load()) {
-        // A client that has just left must not raise SIGPIPE.
+        // A client that has just left must not raise SIGPIPE. A send that a signal interrupts is
+        // not repeated: signals must not hold up the video for more than the two seconds.
         send(client_socket.load(std::memory_order_relaxed), data, length, MSG_NOSIGNAL);
     }
     sending.store(false);
@@ -49,10 +51,29 @@ static void close_client(int client) {
     close(client);
 }
 
+// As recv and accept4 do, but a signal does not end the wait.
+static ssize_t receive(int client, char *buffer, size_t size) {
+    ssize_t received = 0;
+    do {
+        received = recv(client, buffer, size, 0);
+    } while (received < 0 && errno == EINTR);
+    return received;
+}
+
+static int accept_client(sockaddr_in &address) {
+    int client = -1;
+    do {
+        socklen_t address_length = sizeof address;
+        client = accept4(listen_socket, reinterpret_cast<sockaddr *>(&address), &address_length,
+                         SOCK_CLOEXEC);
+    } while (client < 0 && errno == EINTR);
+    return client;
+}
+
 static void discard_input(int client) {
     static char buffer[receive_size];
     ssize_t received = 0;
-    while ((received = recv(client, buffer, sizeof buffer, 0)) > 0) {
+    while ((received = receive(client, buffer, sizeof buffer)) > 0) {
         fprintf(stderr, "TCP server: Received %d bytes from TCP client\n",
                 static_cast<int>(received));
     }
@@ -61,9 +82,7 @@ static void discard_input(int client) {
 static void serve_one_client() {
     fputs("TCP server: Waiting TCP client connection...\n", stderr);
     sockaddr_in address{};
-    socklen_t address_length = sizeof address;
-    const int client = accept4(listen_socket, reinterpret_cast<sockaddr *>(&address),
-                               &address_length, SOCK_CLOEXEC);
+    const int client = accept_client(address);
     if (client < 0) {
         fputs("TCP server: Could not open a socket to accept data\n", stderr);
         end_process(exit_status_failure);

@@ -6,7 +6,8 @@
 // The TCP data server: one client at a time gets the raw video blocks; what it sends is read and
 // discarded.
 
-// Listens on `port` and starts the accept thread. Returns 0, or 1 after a message. Start-up only.
+// Listens on `port` and starts the accept thread. Returns 0, or 1: after a message, but for a
+// thread that cannot be started. Start-up only.
 int init_tcp_server(uint16_t port);
 
 // Is a client connected? Any thread.

@@ -5,6 +5,7 @@
 #include "base/process_end.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -47,9 +48,12 @@ int udp_endpoint_open(UdpEndpoint &endpoint, uint16_t port, void *(*thread_entry
 
 // Receives one datagram and returns its length; does not return without one.
 static size_t receive(const UdpEndpoint &endpoint, uint8_t *buffer, sockaddr_in &sender) {
-    socklen_t sender_length = sizeof sender;
-    const ssize_t length = recvfrom(endpoint.socket, buffer, endpoint.buffer_size, 0,
-                                    reinterpret_cast<sockaddr *>(&sender), &sender_length);
+    ssize_t length = 0;
+    do {
+        socklen_t sender_length = sizeof sender;
+        length = recvfrom(endpoint.socket, buffer, endpoint.buffer_size, 0,
+                          reinterpret_cast<sockaddr *>(&sender), &sender_length);
+    } while (length < 0 && errno == EINTR);
     if (length <= 0) {
         fputs("UDP read failed\n", stderr);
         end_process(exit_status_read_failed);

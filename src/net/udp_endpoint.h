@@ -54,7 +54,8 @@ struct UdpEndpoint {
 // on this endpoint. Returns 0, or -1 when the port cannot be bound: then no thread is started.
 int udp_endpoint_open(UdpEndpoint &endpoint, uint16_t port, void *(*thread_entry)(void *));
 
-// The receive loop. A receive that fails, or an empty datagram, ends the process with status 3.
+// The receive loop. A receive that fails, or an empty datagram, ends the process with status 3; one
+// that a signal interrupts is begun anew.
 [[noreturn]] void udp_endpoint_run(UdpEndpoint &endpoint);
 
 // Calls `on_lost` and forgets the peer when nothing came for more than `timeout_ms`; the owner
