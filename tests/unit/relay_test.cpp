@@ -1,0 +1,181 @@
+#include "net/relay.h"
+
+#include "base/clock.h"
+#include "base/text.h"
+
+#include <algorithm>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+struct Received {
+    uint8_t type;
+    uint32_t sequence;
+    std::string payload;
+};
+
+static void *end_at_once(void * /*unused*/) {
+    return nullptr;
+}
+
+// A registered client on a socket of its own.
+class RelayClient {
+public:
+    explicit RelayClient(bool data_only = false) : socket_(socket(AF_INET, SOCK_DGRAM, 0)) {
+        sockaddr_in address = socket_address(ipv4_port("127.0.0.1", 0));
+        socklen_t length = sizeof address;
+        bind(socket_, reinterpret_cast<const sockaddr *>(&address), length);
+        getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &length);
+        place_ = from_socket_address(address);
+        register_client(relay_clients(), place_, data_only, now_ms());
+    }
+    ~RelayClient() {
+        remove_client(relay_clients(), place_);
+        close(socket_);
+    }
+    RelayClient(const RelayClient &) = delete;
+    RelayClient &operator=(const RelayClient &) = delete;
+
+    // The next packet; its header is checked.
+    Received receive() const {
+        uint8_t datagram[65536];
+        pollfd wanted{socket_, POLLIN, 0};
+        if (poll(&wanted, 1, 20000) != 1) {
+            ADD_FAILURE() << "nothing came";
+            return {};
+        }
+        const ssize_t length = recv(socket_, datagram, sizeof datagram, 0);
+        EXPECT_GE(length, 12);
+        EXPECT_EQ(datagram[0], 'R');
+        EXPECT_EQ(get_u16(datagram + 2), length - 12);
+        EXPECT_EQ(get_u32(datagram + 8), 1U);
+        return {datagram[1], get_u32(datagram + 4),
+                std::string(datagram + 12, datagram + std::max<ssize_t>(length, 12))};
+    }
+
+    // The payload lengths of all video up to now.
+    std::vector<size_t> video_lengths() const {
+        RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init)
+        set_payload_length(packet, 0);
+        relay_to_client(relay_type_file, packet, "127.0.0.1", port_of(place_));
+        std::vector<size_t> lengths;
+        for (;;) {
+            const Received received = receive();
+            if (received.type != relay_type_video) {
+                EXPECT_EQ(received.type, relay_type_file);
+                return lengths;
+            }
+            lengths.push_back(received.payload.size());
+        }
+    }
+
+private:
+    int socket_;
+    Ipv4Port place_;
+};
+
+class Relay : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        ASSERT_EQ(relay_init(), 0);
+        ASSERT_EQ(udp_endpoint_open(endpoint_, 0, end_at_once), 0);
+    }
+    Relay() {
+        relay_open(endpoint_);
+    }
+    static UdpEndpoint endpoint_;
+};
+
+UdpEndpoint Relay::endpoint_;
+
+static std::string frame(size_t length) {
+    std::string bytes;
+    for (size_t i = 0; i < length; ++i) {
+        bytes += static_cast<char>(i % 251);
+    }
+    return bytes;
+}
+
+static void relay_frame(const std::string &frame) {
+    relay_video(reinterpret_cast<const uint8_t *>(frame.data()), frame.size(),
+                relay_video_block_size);
+}
+
+static void relay_text(uint8_t type, const std::string &text) {
+    RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init)
+    text.copy(reinterpret_cast<char *>(packet.payload), text.size());
+    set_payload_length(packet, static_cast<uint16_t>(text.size()));
+    relay_to_clients(type, packet);
+}
+
+TEST_F(Relay, CutsFramesIntoBlocks) {
+    const RelayClient client;
+    const std::vector<std::pair<size_t, std::vector<size_t>>> cuts = {
+        {0, {0}},
+        {1, {1}},
+        {1299, {1299}},
+        {1300, {1300}},
+        {1301, {1300, 1}},
+        {2600, {1300, 1300}},
+        {2601, {1300, 1300, 1}},
+    };
+    for (const auto &[length, blocks] : cuts) {
+        relay_frame(frame(length));
+        EXPECT_EQ(client.video_lengths(), blocks) << length;
+    }
+}
+
+TEST_F(Relay, SendsAFrameWholeAndInOrder) {
+    const RelayClient client;
+    const std::string sent = frame(10000);
+    relay_frame(sent);
+    std::string received;
+    uint32_t next = 0;
+    for (int block = 0; block < 8; ++block) {
+        const Received packet = client.receive();
+        EXPECT_EQ(packet.type, relay_type_video);
+        if (block > 0) {
+            EXPECT_EQ(packet.sequence, next);
+        }
+        next = packet.sequence + 1;
+        received += packet.payload;
+    }
+    EXPECT_EQ(received, sent);
+    relay_text(relay_type_audio, "sound");
+    EXPECT_EQ(client.receive().sequence, next) << "all types share the number";
+}
+
+TEST_F(Relay, ADataOnlyClientGetsNoMedia) {
+    const RelayClient all;
+    const RelayClient data_only(true);
+    relay_frame("video");
+    relay_text(relay_type_audio, "sound");
+    relay_text(relay_type_internal_camera, "camera");
+    relay_text(relay_type_data, "data");
+    for (const char *payload : {"video", "sound", "camera", "data"}) {
+        EXPECT_EQ(all.receive().payload, payload);
+    }
+    EXPECT_EQ(data_only.receive().payload, "data");
+}
+
+// On a socket that does not exist nothing but the pauses takes time.
+TEST_F(Relay, WaitsTwoMicrosecondsAfterEachDatagram) {
+    static UdpEndpoint nowhere;
+    nowhere.socket = -1;
+    nowhere.tx_bytes = 0;
+    relay_open(nowhere);
+    const RelayClient clients[10];
+    timespec start{};
+    timespec end{};
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    for (int i = 0; i < 100; ++i) {
+        relay_text(relay_type_audio, "sound");
+    }
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    EXPECT_GE((end.tv_sec - start.tv_sec) * 1000000000LL + end.tv_nsec - start.tv_nsec, 2000000);
+    EXPECT_EQ(nowhere.tx_bytes, 1000U * 17);
+}
