@@ -12,6 +12,11 @@ constexpr size_t ipv4_text_size = 16; // "255.255.255.255" and its zero
 // The address of a dotted-quad text and a port; 0 when the text is no dotted address.
 Ipv4Port ipv4_port(const char *host, uint16_t port);
 
+// Is it an address that can be sent to? 0.0.0.0 is none: it would mean this board.
+constexpr bool has_host(Ipv4Port address) {
+    return (address >> 16) != 0;
+}
+
 constexpr uint16_t port_of(Ipv4Port address) {
     return static_cast<uint16_t>(address & 0xFFFF);
 }

@@ -37,6 +37,9 @@ static void occupy(ClientSlot &slot, Ipv4Port address, bool data_only, uint32_t 
 }
 
 void register_client(ClientRegistry &registry, Ipv4Port address, bool data_only, uint32_t now) {
+    if (!has_host(address)) {
+        return;
+    }
     ClientSlot *known = find_slot(registry, address);
     if (known != nullptr) {
         occupy(*known, address, data_only, now);
@@ -53,7 +56,7 @@ void register_client(ClientRegistry &registry, Ipv4Port address, bool data_only,
 }
 
 void remove_client(ClientRegistry &registry, Ipv4Port address) {
-    ClientSlot *slot = find_slot(registry, address);
+    ClientSlot *slot = has_host(address) ? find_slot(registry, address) : nullptr;
     if (slot == nullptr) {
         return;
     }

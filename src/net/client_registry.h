@@ -32,7 +32,8 @@ struct ClientRegistry {
 };
 
 // Registers the client or refreshes its slot; a new one is announced on standard error, and
-// ignored when all slots are taken.
+// ignored when all slots are taken. A sender that has no address yet (0.0.0.0) is no client:
+// packets for it would come back to this board, and 0 is a free slot.
 void register_client(ClientRegistry &registry, Ipv4Port address, bool data_only, uint32_t now);
 
 // Frees the client's slot and says so; nothing when it holds none.

@@ -140,6 +140,21 @@ TEST_F(Registry, SaysWhoComesAndGoes) {
               "UDP server: Client 10.0.0.1:4000 removed\n");
 }
 
+TEST_F(Registry, ASenderWithoutAnAddressIsNoClient) {
+    ::testing::internal::CaptureStderr();
+    for (const uint16_t port : {uint16_t{0}, uint16_t{5000}}) {
+        register_client(registry_, ipv4_port("0.0.0.0", port), false, 0);
+        remove_client(registry_, ipv4_port("0.0.0.0", port));
+        register_client(registry_, ipv4_port("0.0.0.0", port), true, 0);
+    }
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
+    for (const ClientSlot &slot : registry_.slots) {
+        EXPECT_EQ(slot.client, 0U);
+    }
+    now = 0;
+    EXPECT_EQ(sweep(), "[]");
+}
+
 TEST_F(Registry, OneHostWithTwoPortsIsTwoClients) {
     register_client(registry_, ipv4_port("10.0.0.1", 1), false, 0);
     register_client(registry_, ipv4_port("10.0.0.1", 2), false, 0);
