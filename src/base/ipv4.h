@@ -21,6 +21,11 @@ constexpr uint16_t port_of(Ipv4Port address) {
     return static_cast<uint16_t>(address & 0xFFFF);
 }
 
+// That port of this board.
+constexpr Ipv4Port loopback_address(uint16_t port) {
+    return (Ipv4Port{INADDR_LOOPBACK} << 16) | port;
+}
+
 // Writes the dotted quad into `text` of ipv4_text_size bytes and returns it.
 const char *host_text(Ipv4Port address, char *text);
 

@@ -31,7 +31,6 @@
 #include <bcm_host.h>
 #endif
 
-constexpr uint16_t control_port = 5252;
 constexpr uint16_t data_port = 5000;
 constexpr uint16_t video_port = 5001;
 constexpr uint16_t internal_camera_port = 5002;

@@ -6,6 +6,8 @@
 // The control server on UDP 5252: it receives what clients send, strips the relay header and
 // hands the payload on, and keeps the client registry swept and published.
 
+constexpr uint16_t control_port = 5252;
+
 // So many bytes of a client's payload can be read, however short it is.
 constexpr size_t client_payload_size = 64;
 

@@ -10,6 +10,7 @@
 #include "config/update.h"
 #include "config/wlan_iface.h"
 #include "media/data_source.h"
+#include "net/control_server.h"
 #include "net/relay.h"
 #include "net/wlan_scan.h"
 #include "rc/rc_block.h"
@@ -23,8 +24,6 @@
 #include <string>
 #include <unistd.h>
 
-constexpr uint16_t control_port = 5252;
-constexpr uint16_t largest_payload = 30000 - relay_header_size;
 constexpr const char *screenshot_file = "/run/quillorbeacon/screenshot.png";
 constexpr size_t screenshot_limit = 50000; // a picture of this size or more is not sent
 
@@ -65,12 +64,6 @@ static void reply_with_screenshot(const Requester &requester) {
     }
 }
 
-static void forward_to_data_source(const uint8_t *payload, uint16_t length) {
-    if (length <= largest_payload) {
-        send_to_data_source(payload, length);
-    }
-}
-
 // The commands, each with the requester to answer.
 
 static void answer_config_request(const cJSON *command, const Requester &requester) {
@@ -102,7 +95,7 @@ static std::string selected_interface(const char *selector) {
 static void scan_wlan(const char *selector, const Requester &requester) {
     const std::string interface = selected_interface(selector);
     if (interface.empty()) {
-        fprintf(stderr, "Interface %s not found\n", interface.c_str());
+        fputs("Interface  not found\n", stderr); // the name that is missing is empty
         return;
     }
     fprintf(stderr, "Wlan scan request for interface %s\n", interface.c_str());
@@ -218,6 +211,7 @@ void dispatch_client_packet(uint8_t *payload, uint16_t length, const char *host,
     if (strcmp(host, "127.0.0.1") == 0 && port == control_port) {
         return;
     }
+    // A payload that begins with anything but 0 is not that of a cut header: its length is true.
     switch (payload[0]) {
     case request_info:
         send_info_reply(host, port);
@@ -232,7 +226,7 @@ void dispatch_client_packet(uint8_t *payload, uint16_t length, const char *host,
         break;
     case request_gimbal:
         if (payload[1] != 0) {
-            forward_to_data_source(payload, length);
+            send_to_data_source(payload, length);
         } else {
             take_gimbal_values(payload);
         }
@@ -241,7 +235,7 @@ void dispatch_client_packet(uint8_t *payload, uint16_t length, const char *host,
         reply_with_screenshot({host, port});
         break;
     case request_source_command:
-        forward_to_data_source(payload, length);
+        send_to_data_source(payload, length);
         break;
     case request_json:
         run_json_command(reinterpret_cast<const char *>(payload), {host, port});

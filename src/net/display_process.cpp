@@ -5,8 +5,8 @@
 #include <cstring>
 #include <sys/socket.h>
 
-constexpr const char *display_host = "127.0.0.1";
 constexpr uint16_t notification_port = 5255;
+constexpr Ipv4Port notification_address = loopback_address(notification_port);
 
 // Created once at start-up; -1 before.
 static int notification_socket = -1;
@@ -16,7 +16,7 @@ void init_display_notifications() {
 }
 
 void notify_display_process(const void *data, size_t length) {
-    const sockaddr_in address = socket_address(ipv4_port(display_host, notification_port));
+    const sockaddr_in address = socket_address(notification_address);
     sendto(notification_socket, data, length, 0, reinterpret_cast<const sockaddr *>(&address),
            sizeof address);
 }

@@ -10,8 +10,9 @@
 #include <cstring>
 #include <pthread.h>
 
-constexpr const char *display_host = "127.0.0.1";
+// The display process on this board.
 constexpr uint16_t display_port = 5253;
+constexpr Ipv4Port display_address = loopback_address(display_port);
 
 // One packet at a time goes out to all clients.
 static pthread_mutex_t relay_mutex;
@@ -49,7 +50,6 @@ void relay_to_clients(uint8_t type, RelayPacket &packet) {
     if (endpoint == nullptr) {
         return;
     }
-    static const Ipv4Port display = ipv4_port(display_host, display_port);
     const size_t length = relay_header_size + payload_length(packet);
     const bool is_media = type != relay_type_data;
     pthread_mutex_lock(&relay_mutex);
@@ -61,7 +61,7 @@ void relay_to_clients(uint8_t type, RelayPacket &packet) {
         }
     }
     if (!is_media) {
-        send_paced(*endpoint, packet, length, display);
+        send_paced(*endpoint, packet, length, display_address);
     }
     pthread_mutex_unlock(&relay_mutex);
 }
