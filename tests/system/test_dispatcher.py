@@ -257,6 +257,26 @@ def test_a_zero_ends_the_text(daemon, client):
     assert said(daemon, "parse_packet") == [f"parse_packet json {SYSTEM_REQUEST.decode()}"]
 
 
+@pytest.mark.parametrize("command", [
+    b'{"CMD":"config_request","Param":"system"}trailing',
+    b'{"CMD":"config_request","cmd":"restart","pARAM":"system","param":"x"}',
+])
+def test_names_match_in_any_case_and_the_first_counts(daemon, client, command):
+    client.send(command)
+    assert reply(client) == SYSTEM_ANSWER
+    assert daemon.alive()
+
+
+@pytest.mark.parametrize("command", [
+    b'{"cmd":"nothing","CMD":"restart"}', b'{"cmd":"nothing","cmd":"restart"}',
+    b'{"cmd":"nothing"}{"cmd":"restart"}',
+])
+def test_later_names_and_what_follows_the_object_count_for_nothing(daemon, client, command):
+    client.send(command)
+    expect_silence(client)
+    assert daemon.alive()
+
+
 def test_a_short_command_after_a_long_one(daemon, client):
     """No byte of the earlier payload is left behind the later one."""
     for command in (SYSTEM_REQUEST[:-1] + b',"value":"' + b"x" * 5000 + b'"}', SYSTEM_REQUEST):
