@@ -252,9 +252,8 @@ def test_every_descriptor_is_closed_in_programs_it_starts(board, daemon):
         assert int(re.search(r"flags:\s*(\d+)", info)[1], 8) & O_CLOEXEC, what
 
 
-def borrow_socket(daemon, port):
-    """A duplicate of the daemon's own UDP socket."""
-    inode = udp_inodes(daemon)[port]
+def borrow_socket(daemon, inode):
+    """A duplicate of the daemon's own socket."""
     fd = next(fd for fd, what in open_descriptors(daemon).items() if what == f"socket:[{inode}]")
     process = os.pidfd_open(daemon.pid)
     try:
@@ -272,7 +271,7 @@ def test_the_sockets_options(board, daemon, port):
     asked = board.socket()
     for option in (socket.SO_RCVBUF, socket.SO_SNDBUF):
         asked.setsockopt(socket.SOL_SOCKET, option, 10000000)
-    with borrow_socket(daemon, port) as its:
+    with borrow_socket(daemon, udp_inodes(daemon)[port]) as its:
         for option in (socket.SO_RCVBUF, socket.SO_SNDBUF):
             # As much as the kernel gives to one who asks for 10000000 bytes.
             assert (its.getsockopt(socket.SOL_SOCKET, option)

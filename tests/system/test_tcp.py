@@ -7,10 +7,12 @@ import socket
 import struct
 import subprocess
 import time
+from pathlib import Path
 
 import pytest
 
 from conftest import wait_until
+from test_endpoint import borrow_socket
 
 SO_RCVBUFFORCE = 33
 LARGE = 32 << 20
@@ -267,6 +269,39 @@ def test_a_client_that_never_reads_costs_two_seconds_per_block(daemon, connect, 
     producer.publish(b"all is well")
     assert receive_video(udp_client, 11) == b"all is well"
     assert time.monotonic() - began < 1.9
+
+
+def tcp_inodes(daemon):
+    """The inodes of the daemon's listener and of its connection, if there is one."""
+    rows = [line.split() for line in
+            Path(f"/proc/{daemon.pid}/net/tcp").read_text().splitlines()[1:]]
+    ours = {row[3]: row[9] for row in rows if row[1].endswith(":1484")}
+    return [ours[state] for state in ("0A", "01") if state in ours]
+
+
+def test_the_sockets_options(board, daemon, connect):
+    connection = connect()
+    wait_served(daemon, connection)
+    asked = board.socket(socket.SOCK_STREAM)
+    asked.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 3000000)
+    inodes = tcp_inodes(daemon)
+    assert len(inodes) == 2
+    for inode in inodes:
+        with borrow_socket(daemon, inode) as its:
+            assert its.getsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY) == 1
+            # As much as the kernel gives to one who asks for 3000000 bytes.
+            assert (its.getsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF)
+                    == asked.getsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF))
+            timeout = its.getsockopt(socket.SOL_SOCKET, socket.SO_SNDTIMEO, 16)
+            assert struct.unpack("ll", timeout) == (2, 0)
+            assert os.get_blocking(its.fileno())
+
+
+def test_the_backlog(daemon):
+    with borrow_socket(daemon, tcp_inodes(daemon)[0]) as listener:
+        info = listener.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 104)
+    # A listener's "unacked" and "sacked": how many wait, how many may.
+    assert struct.unpack_from("II", info, 24) == (0, 16)
 
 
 def test_a_failing_accept_ends_the_process_with_status_1(daemon, connect):
