@@ -14,6 +14,12 @@ bool shared_memory_exists(const char *name);
 // `at` is null, or the address of an earlier mapping of the same size, which the new one then
 // replaces in place: pointers into it stay valid and no mapping is left behind.
 //
+// Should another program cut the object short while it is mapped, the first access behind its end
+// brings it to `size` again, with zeros and one line on standard error, by a handler of SIGBUS that
+// the first mapping installs. Where there is no memory for that, and for any other SIGBUS, the
+// signal does what it did before. So whatever is behind an address of a mapping may become zeros
+// between two reads. Sixteen mappings are kept so, and a descriptor (close-on-exec) for each.
+//
 // Returns the address, or null after one line on standard error. Any thread; the mapping belongs
 // to the caller and lives as long as the process.
 uint8_t *map_shared_memory(const char *name, size_t size, uint8_t *at);

@@ -75,6 +75,7 @@ def test_programs_get_no_socket_of_the_daemon(board, daemon, client, tool, paylo
     client.send(payload)
     found = board.path("/sys/board/descriptors")
     wait_until(found.exists, tool)
-    # The daemon keeps nothing but sockets open; what else there is belongs to the shell.
+    # The daemon keeps sockets and shared memory open; what else there is belongs to the shell.
     assert "0 -> /dev/null" in found.read_text()
     assert "socket:" not in found.read_text()
+    assert "/dev/shm/" not in found.read_text()

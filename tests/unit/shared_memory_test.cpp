@@ -1,8 +1,17 @@
 #include "base/shared_memory.h"
 
+#include <algorithm>
 #include <atomic>
+#include <csignal>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <string>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
+#include <vector>
 
 // Numbers of shared memory have no lock: who looks must find the old one or the new one.
 struct Shared {
@@ -39,4 +48,148 @@ TEST(SharedNumbers, NobodySeesHalfOfOne) {
     done = true;
     writer.join();
     EXPECT_EQ(halves, 0);
+}
+
+// An object of this process's own, which is removed at the end. Mappings are not: they live on.
+class SharedObject : public ::testing::Test {
+protected:
+    SharedObject()
+        : name_("/quillorbeacon_unit_" + std::to_string(getpid()) + "_" +
+                std::to_string(++number_)) {}
+    ~SharedObject() override {
+        shm_unlink(name_.c_str());
+    }
+    uint8_t *map(size_t size, uint8_t *at = nullptr) {
+        return map_shared_memory(name_.c_str(), size, at);
+    }
+    // What another program does to it; `flags` O_TRUNC or 0, then its length.
+    void cut(int flags, off_t length) {
+        const int fd = shm_open(name_.c_str(), O_RDWR | flags, 0);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(ftruncate(fd, length), 0);
+        close(fd);
+    }
+    off_t size() {
+        const int fd = shm_open(name_.c_str(), O_RDONLY, 0);
+        struct stat status {};
+        fstat(fd, &status);
+        close(fd);
+        return status.st_size;
+    }
+    std::string line() const {
+        return "Shared memory " + name_ +
+               " was cut short by another program, and is made whole with zeros\n";
+    }
+
+    static inline int number_;
+    std::string name_;
+};
+
+constexpr size_t object_size = 3 * 65536 + 6; // pages of any kernel, and a bit of one
+
+TEST_F(SharedObject, CutShortItReadsAsZerosAndHasItsSizeAgain) {
+    uint8_t *bytes = map(object_size);
+    ASSERT_NE(bytes, nullptr);
+    std::fill_n(bytes, object_size, uint8_t{7});
+    ::testing::internal::CaptureStderr();
+    cut(O_TRUNC, 0);
+    EXPECT_EQ(load_whole<uint16_t>(bytes + object_size - 2), 0);
+    EXPECT_EQ(bytes[0], 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStderr(), line());
+    EXPECT_EQ(size(), static_cast<off_t>(object_size));
+}
+
+TEST_F(SharedObject, CutShortItKeepsWhatIsLeftAndTakesWhatIsWritten) {
+    uint8_t *bytes = map(object_size);
+    ASSERT_NE(bytes, nullptr);
+    std::fill_n(bytes, object_size, uint8_t{7});
+    cut(0, 100);
+    store_whole<uint8_t>(bytes + 65536, 9);
+    EXPECT_EQ(bytes[99], 7);
+    EXPECT_EQ(bytes[100], 0);
+    EXPECT_EQ(bytes[65536], 9);
+    EXPECT_EQ(bytes[65537], 0);
+    EXPECT_EQ(size(), static_cast<off_t>(object_size));
+}
+
+TEST_F(SharedObject, EachTimeItIsCut) {
+    uint8_t *bytes = map(6);
+    ASSERT_NE(bytes, nullptr);
+    ::testing::internal::CaptureStderr();
+    for (int i = 0; i < 100; ++i) {
+        store_whole<uint16_t>(bytes + 4, 77);
+        cut(O_TRUNC, 0);
+        EXPECT_EQ(load_whole<uint16_t>(bytes + 4), 0);
+    }
+    ::testing::internal::GetCapturedStderr();
+}
+
+TEST_F(SharedObject, SeveralMappingsAndThreadsSurvive) {
+    std::vector<uint8_t *> mappings(3);
+    for (uint8_t *&bytes : mappings) {
+        bytes = map(object_size);
+        ASSERT_NE(bytes, nullptr);
+    }
+    std::atomic<bool> done = false;
+    std::vector<std::thread> readers;
+    for (const uint8_t *bytes : mappings) {
+        readers.emplace_back([bytes, &done] {
+            unsigned sum = 0;
+            while (!done) {
+                sum += load_whole<uint8_t>(bytes + 65536) + load_whole<uint8_t>(bytes);
+            }
+            EXPECT_EQ(sum, 0U);
+        });
+    }
+    ::testing::internal::CaptureStderr();
+    for (int i = 0; i < 200; ++i) {
+        cut(O_TRUNC, 0);
+    }
+    done = true;
+    for (std::thread &reader : readers) {
+        reader.join();
+    }
+    ::testing::internal::GetCapturedStderr();
+    EXPECT_EQ(load_whole<uint8_t>(mappings[0] + 65536), 0);
+    EXPECT_EQ(size(), static_cast<off_t>(object_size));
+}
+
+TEST_F(SharedObject, AnObjectThatWasOpenedAnewAtItsPlaceIsTheOneMadeWhole) {
+    uint8_t *bytes = map(object_size);
+    ASSERT_NE(bytes, nullptr);
+    shm_unlink(name_.c_str());
+    ASSERT_EQ(map(object_size, bytes), bytes);
+    std::fill_n(bytes, object_size, uint8_t{7});
+    cut(O_TRUNC, 0);
+    // A handler that mends the wrong object would be called for ever.
+    alarm(60);
+    EXPECT_EQ(load_whole<uint8_t>(bytes), 0);
+    alarm(0);
+    EXPECT_EQ(size(), static_cast<off_t>(object_size));
+}
+
+using SharedObjectDeathTest = SharedObject;
+
+TEST_F(SharedObjectDeathTest, ABusErrorElsewhereEndsTheProcess) {
+    ASSERT_NE(map(6), nullptr);
+    const int fd = shm_open(name_.c_str(), O_RDWR, 0);
+    const void *other = mmap(nullptr, 6, PROT_READ, MAP_SHARED, fd, 0);
+    ASSERT_NE(other, MAP_FAILED);
+    cut(O_TRUNC, 0);
+    EXPECT_DEATH(load_whole<uint8_t>(static_cast<const uint8_t *>(other)), "");
+    EXPECT_DEATH(raise(SIGBUS), "");
+}
+
+static void read_with_a_limit(const uint8_t *bytes) {
+    signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{6, 6}; // bytes of a file
+    setrlimit(RLIMIT_FSIZE, &limit);
+    load_whole<uint8_t>(bytes);
+}
+
+TEST_F(SharedObjectDeathTest, AnObjectThatCannotGrowEndsTheProcess) {
+    const uint8_t *bytes = map(object_size);
+    ASSERT_NE(bytes, nullptr);
+    cut(O_TRUNC, 0);
+    EXPECT_DEATH(read_with_a_limit(bytes), "");
 }
