@@ -2,9 +2,9 @@
 
 #include "automove/movement_list.h"
 #include "automove/movement_runner.h"
+#include "base/clock.h"
 #include "base/file_text.h"
 #include "base/free_space.h"
-#include "base/shared_memory.h"
 #include "base/shell.h"
 #include "base/text.h"
 #include "base/version.h"
@@ -14,7 +14,6 @@
 #include "media/video_source.h"
 #include "net/relay.h"
 #include "rc/rc_block.h"
-#include "rc/rc_block_layout.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -63,6 +62,7 @@ constexpr const char *mount_external[] = {
 };
 constexpr size_t number_size = 100;
 constexpr size_t path_size = 100;
+constexpr uint32_t map_retry_ms = 1000;
 
 static uint8_t low_bit(int32_t setting) {
     return static_cast<uint8_t>(setting & 1);
@@ -209,9 +209,16 @@ static Storage examine_storage(const ConfigRecord &config) {
     }
 }
 
-// The RC reader's block, opened on the first call; null when that failed.
+// The RC reader's block, opened on the first call; null when that failed. It is then tried again,
+// not in each of ten passes a second: a failure is said on standard error.
 static const uint8_t *states_block() {
-    static const uint8_t *const block = open_rc_block();
+    static const uint8_t *block;
+    static uint32_t tried_at = now_ms() - map_retry_ms;
+    const uint32_t now = now_ms();
+    if (block == nullptr && now - tried_at >= map_retry_ms) {
+        tried_at = now;
+        block = open_rc_block();
+    }
     return block;
 }
 
@@ -232,10 +239,9 @@ static void read_memory(BoardStatus &status) {
     status.client_count = relay_clients().count;
     status.data_present = data_source_present();
     status.video_present = video_present();
-    if (states_block() != nullptr) {
-        status.rc1_state = load_whole<uint8_t>(states_block() + rc_state_at);
-        status.rc2_state = load_whole<uint8_t>(states_block() + rc_state_at + 1);
-    }
+    const uint8_t *block = states_block();
+    status.rc1_state = rc_receiver_state(block, 0);
+    status.rc2_state = rc_receiver_state(block, 1);
     status.movement_running = automove_running();
     status.movement_index = automove_index();
     status.movement_count = movement_count();

@@ -14,10 +14,10 @@
 #include "net/relay.h"
 #include "net/wlan_scan.h"
 #include "rc/rc_block.h"
-#include "rc/rc_block_layout.h"
 #include "transfer/file_download.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -121,10 +121,16 @@ static void run_file_command(const cJSON *command, const Requester &requester) {
     }
 }
 
-// The receivers' states, read from a mapping of the dispatcher's own, opened on first use.
+// The receivers' states, read from a mapping of the dispatcher's own. It is opened on first use,
+// and tried again as long as that fails; two threads dispatch.
 static int rc_state(int receiver) {
-    static const uint8_t *const block = open_rc_block();
-    return block == nullptr ? 0 : block[rc_state_at + static_cast<size_t>(receiver)];
+    static std::atomic<const uint8_t *> mapping;
+    const uint8_t *block = mapping.load(std::memory_order_acquire);
+    if (block == nullptr) {
+        block = open_rc_block();
+        mapping.store(block, std::memory_order_release);
+    }
+    return rc_receiver_state(block, receiver);
 }
 
 static void reply_with_rc_channels(int receiver, const Requester &requester) {

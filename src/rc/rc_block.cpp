@@ -40,8 +40,32 @@ uint8_t *init_rc_block() {
     return rc_block();
 }
 
+uint8_t *map_missing_rc_block() {
+    uint8_t *block = open_rc_block();
+    if (block != nullptr) {
+        clear_rc_calibration(block);
+        load_rc_channels(block, 0, config_record().rc1_channels);
+        load_rc_channels(block, 1, config_record().rc2_channels);
+        mapped_block.store(block, std::memory_order_release);
+    }
+    return block;
+}
+
+static size_t channel_at(int index) {
+    return rc_channels_at + static_cast<size_t>(index) * rc_channel_size;
+}
+
 uint8_t *rc_channel(uint8_t *block, int index) {
-    return block + rc_channels_at + static_cast<size_t>(index) * rc_channel_size;
+    return block + channel_at(index);
+}
+
+const uint8_t *rc_channel(const uint8_t *block, int index) {
+    return block + channel_at(index);
+}
+
+uint8_t rc_receiver_state(const uint8_t *block, int receiver) {
+    return block == nullptr ? uint8_t{rc_absent}
+                            : load_whole<uint8_t>(block + rc_state_at + receiver);
 }
 
 void clear_rc_calibration(uint8_t *block) {
@@ -114,9 +138,7 @@ static std::string channel_list(const uint8_t *block, int receiver,
     std::string list = "[";
     for (int number = 1; number <= rc_channels_per_receiver; ++number) {
         const int index = number - 1 + receiver * rc_channels_per_receiver;
-        const uint8_t *channel =
-            block + rc_channels_at + static_cast<size_t>(index) * rc_channel_size;
-        list += (number > 1 ? "," : "") + format_channel(channel, number);
+        list += (number > 1 ? "," : "") + format_channel(rc_channel(block, index), number);
     }
     return list + "]";
 }

@@ -18,11 +18,22 @@ uint8_t *open_rc_block();
 // The daemon's own mapping, made by init_rc_block; null when there is none. Any thread.
 uint8_t *rc_block();
 
-// Maps the block if it is not mapped yet; says so when that fails. Returns it.
+// Maps the block if it is not mapped yet; says so when that fails. Returns it. Start-up, once.
 uint8_t *init_rc_block();
+
+// Maps the block that start-up could not map, with what start-up would have done to it: the
+// calibration is cleared and both receivers' stored channels are loaded before any other thread
+// sees it, so that whoever saves the channels finds them. Returns it, or null as open_rc_block. RC
+// loop only.
+uint8_t *map_missing_rc_block();
 
 // A channel's record, by its index 0 to 31.
 uint8_t *rc_channel(uint8_t *block, int index);
+const uint8_t *rc_channel(const uint8_t *block, int index);
+
+// A receiver's state byte, an RcState unless another program wrote there; absent when `block` is
+// null.
+uint8_t rc_receiver_state(const uint8_t *block, int receiver);
 
 // Clears calibration and assignment of all channels and all function values; what the reader
 // writes stays.
@@ -47,7 +58,8 @@ void save_rc_channels();
 // centring save. Any thread.
 void set_rc_state(int receiver, int state);
 
-// Pan, tilt and roll, each -1 to 1.
+// Pan, tilt and roll. 1 is the whole way; a client can ask for a trifle beyond -1 (-32768 / 32767),
+// and sums, of sticks and clients or of several channels, go beyond either end.
 struct GimbalValues {
     double pan;
     double tilt;

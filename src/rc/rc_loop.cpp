@@ -4,6 +4,8 @@
 #include "base/pause.h"
 #include "media/data_source.h"
 #include "net/relay.h"
+#include "rc/rc_block.h"
+#include "rc/rc_block_layout.h"
 #include "rc/rc_pass.h"
 #include "rc/smoothing.h"
 
@@ -12,7 +14,7 @@
 #include <pthread.h>
 
 constexpr uint32_t pass_period_us = 30000;
-constexpr uint32_t map_retry_us = 1000000;
+constexpr uint32_t passes_per_retry = 34; // a second
 constexpr uint8_t menu_notice_kind = 8;
 constexpr uint16_t menu_notice_size = 2;
 
@@ -58,16 +60,23 @@ static void send_events(const RcEvents &events) {
     }
 }
 
+// The block of a pass. While none can be mapped, a private one without receivers takes its place:
+// what the clients want of the gimbal needs no receiver.
+static uint8_t *block_of_pass(uint32_t pass) {
+    alignas(double) static uint8_t private_block[rc_block_size];
+    uint8_t *block = rc_block();
+    if (block == nullptr && pass % passes_per_retry == 0) {
+        block = map_missing_rc_block();
+    }
+    return block != nullptr ? block : private_block;
+}
+
 [[noreturn]] static void *run_loop_thread(void * /*unused*/) {
     name_thread("rc-loop");
     RcLoopState state{};
-    for (;;) {
-        uint8_t *block = rc_block() != nullptr ? rc_block() : init_rc_block();
-        if (block == nullptr) {
-            sleep_us(map_retry_us);
-            continue;
-        }
-        send_events(run_rc_pass(block, config_record(), now_ms, app_gimbal_values(), state));
+    for (uint32_t pass = 1;; ++pass) {
+        send_events(
+            run_rc_pass(block_of_pass(pass), config_record(), now_ms, app_gimbal_values(), state));
         set_smoothed_values({state.app, state.rc, state.total});
         sleep_us(pass_period_us);
     }

@@ -80,7 +80,7 @@ static void publish_changes(StateFile &state) {
     }
 }
 
-int start_smoothing_publisher() {
+void start_smoothing_publisher() {
     pthread_t thread{};
-    return pthread_create(&thread, nullptr, run_publisher_thread, nullptr) == 0 ? 0 : -1;
+    pthread_create(&thread, nullptr, run_publisher_thread, nullptr);
 }

@@ -20,5 +20,6 @@ void set_smoothed_values(const SmoothedValues &values);
 // Writes a triple as the state files hold it: six decimals each, separated by commas, no line end.
 void format_gimbal_values(const GimbalValues &values, char *text, size_t size);
 
-// Starts the publisher thread, which looks ten times a second. Returns 0, or -1 without a thread.
-int start_smoothing_publisher();
+// Starts the publisher thread, which looks ten times a second. Without a thread nothing is
+// published.
+void start_smoothing_publisher();
