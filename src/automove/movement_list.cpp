@@ -104,6 +104,7 @@ void set_movement_list(const char *text) {
     MovementList list;
     std::string report;
     parse_movements(text, list, report);
+    // Empty while it is refilled: who asks for the count from now on does not play half a list.
     table.count.store(0, std::memory_order_relaxed);
     for (int i = 0; i < movement_capacity; ++i) {
         store_movement(i, list.movements[i]);

@@ -59,11 +59,17 @@ static CameraAngles camera_angles() {
             tenths_at(camera + camera_roll_at)};
 }
 
-static void wait_seconds(int seconds) {
-    fprintf(stderr, "\tWaiting %d seconds\n", seconds);
-    for (int i = 0; i < seconds; ++i) {
+// Second by second: sleep_us takes an hour at most, a delay may be years.
+static void sleep_ms(uint64_t milliseconds) {
+    for (; milliseconds > 1000; milliseconds -= 1000) {
         sleep_us(1000000);
     }
+    sleep_us(static_cast<uint32_t>(milliseconds) * 1000);
+}
+
+static void wait_seconds(int seconds) {
+    fprintf(stderr, "\tWaiting %d seconds\n", seconds);
+    sleep_ms(static_cast<uint64_t>(seconds) * 1000);
 }
 
 static void carry_out(const MovementStep &step) {
@@ -72,9 +78,7 @@ static void carry_out(const MovementStep &step) {
         send_data_source_command(step.cmd, "", step.param.c_str(), step.value.c_str(),
                                  step.value2.c_str(), step.value3.c_str());
     }
-    for (uint64_t waited = 0; waited < step.wait_ms; waited += 100) {
-        sleep_us(100000);
-    }
+    sleep_ms(step.wait_ms);
 }
 
 static void run_direct(int number, const Movement &movement) {
@@ -133,17 +137,25 @@ static void run_smooth(int number, const Movement &movement) {
     sleep_us(smooth_pass_us);
 }
 
-void run_movement(int number) {
+static bool is_direct() {
+    return config_record().automove_smooth == 0;
+}
+
+static void run_movement_as(int number, bool direct) {
     if (number < 0 || number >= movement_count()) {
         return;
     }
     runner.index = number;
     const Movement movement = movement_at(number);
-    if (config_record().automove_smooth == 0) {
+    if (direct) {
         run_direct(number, movement);
     } else {
         run_smooth(number, movement);
     }
+}
+
+void run_movement(int number) {
+    run_movement_as(number, is_direct());
 }
 
 void move_next() {
@@ -194,11 +206,13 @@ static void find_nearest() {
     }
 }
 
-// Plays the current movement, or one pass of it.
+// Plays the current movement, or one pass of it. The mode may change meanwhile: what began directly
+// ends so, and what was steered is not left out for having been steered.
 static void play() {
     const int number = runner.index;
-    run_movement(number);
-    if (config_record().automove_smooth == 0) {
+    const bool direct = is_direct();
+    run_movement_as(number, direct);
+    if (direct) {
         wait_seconds(std::max(movement_at(std::clamp(number, 0, movement_capacity - 1)).delay, 1));
         runner.index = runner.index + 1;
     }

@@ -200,6 +200,18 @@ def test_an_existing_camera_state_keeps_its_contents(board, start, content, kept
     assert board.path(CAMERA_STATE).read_bytes() == kept
 
 
+def test_a_camera_state_that_cannot_be_mapped(board, start, make_source, viewer):
+    """The camera looks straight ahead then."""
+    board.path(CAMERA_STATE).mkdir()
+    daemon = start(settings(at(90, 0, 0) + ";" + at(-10, 0, 0), on=1, smooth=1, speed=6))
+    assert automove_lines(daemon)[:3] == [
+        "Auto movement init", "Creating new shared cam state",
+        "Shared memory /shared_camstate: shm_open failed: Invalid argument"]
+    viewer.wait_status(1, 0, 2, 1)
+    make_source(daemon)
+    wait_state_file(board, APP_FILE, "-0.500000,0.000000,0.000000")
+
+
 # Direct mode
 
 
@@ -547,6 +559,67 @@ def test_unchanged_speeds_are_sent_again_now_and_then(board, start, make_source,
         between.append(time.monotonic())
     for earlier, later in zip(between, between[1:]):
         assert 1.9 < later - earlier < 4.0
+
+
+def test_a_stop_zeroes_what_a_client_wants_and_again_without_a_source(board, start, make_client):
+    daemon = start(settings(at(90, 0, 0), smooth=1, speed=6))  # stopped at the start
+    client = make_client()
+    console = Console(board, daemon, client)
+    send_app_values(client, 1, -1, 1)
+    wait_state_file(board, APP_FILE, "1.000000,-1.000000,1.000000")
+    console.update("automovement", "setstate", "1")  # no source is there: the zeroing is due
+    wait_state_file(board, APP_FILE, STILL)
+    send_app_values(client, 1, -1, 1)
+    wait_state_file(board, APP_FILE, "1.000000,-1.000000,1.000000")
+    console.update("automovement", "setstate", "0")
+    wait_state_file(board, APP_FILE, STILL)
+
+
+# A change of the mode while a movement is played
+
+
+def first_line(daemon, start):
+    return next(line for line in daemon.errors().splitlines() if line.startswith(start))
+
+
+def test_from_smooth_to_direct_while_steering(board, start, make_source, make_client):
+    movements = ";".join(at(pan, 0, 0) for pan in (70, 50, 100))
+    daemon = start(settings(movements, on=1, smooth=1, speed=6))
+    console = Console(board, daemon, make_client())
+    make_source(daemon)
+    wait_state_file(board, APP_FILE, "-0.500000,0.000000,0.000000")
+    console.update("automovement", "params", "1", movements, "0", "6")
+    daemon.wait_error("Starting auto movement number")
+    # The movement that was not reached is played, not skipped.
+    assert first_line(daemon, "Starting") == "Starting auto movement number 1/3"
+    assert "\tWaiting" not in daemon.errors().partition("Starting")[0]
+
+
+def test_from_smooth_to_direct_in_the_delay_of_an_arrival(board, start, make_source, make_client):
+    movements = ";".join(at(pan, 0, 0, delay=3) for pan in (0, 50, 100))
+    daemon = start(settings(movements, on=1, smooth=1, speed=6))
+    console = Console(board, daemon, make_client())
+    make_source(daemon)
+    daemon.wait_error("\tWaiting 3 seconds\n")
+    console.update("automovement", "params", "1", movements, "0", "6")
+    daemon.wait_error("Starting auto movement number")
+    assert first_line(daemon, "Starting") == "Starting auto movement number 2/3"
+    assert daemon.errors().partition("Starting")[0].count("\tWaiting") == 1
+
+
+def test_from_direct_to_smooth_while_a_movement_is_played(board, start, make_source, make_client,
+                                                          viewer):
+    movements = ";".join(f"{pan},0,0,,,,,3,1,," for pan in (70, 50, 100))
+    daemon = start(settings(movements, on=1, speed=6))
+    console = Console(board, daemon, make_client())
+    make_source(daemon)
+    daemon.wait_error("Starting auto movement number 1/3\n")
+    console.update("automovement", "params", "1", movements, "1", "6")
+    # It is played to its end, with its delay: then the second one is steered to.
+    wait_state_file(board, APP_FILE, "-0.500000,0.000000,0.000000")
+    assert daemon.errors().count("\tWaiting 3 seconds\n") == 2
+    for status in viewer.watch(5):
+        assert status[:3] == (1, 1, 3)
 
 
 class Gimbal:

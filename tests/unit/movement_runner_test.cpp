@@ -45,3 +45,40 @@ TEST_F(SmoothRunner, AMovementAfterOneThatEndedMovesAtOnce) {
     EXPECT_EQ(pan_after(near), 0.0);
     EXPECT_EQ(pan_after(far), -0.5);
 }
+
+// Ten passes with the same speeds leave the gimbal alone, the next one sends them again.
+TEST_F(SmoothRunner, UnchangedSpeedsAreSentAgainWithTheEleventhPass) {
+    pan_after(ahead); // whatever was sent before
+    EXPECT_EQ(pan_after(far), -0.5);
+    set_app_gimbal_values(0.25, 0.0, 0.0); // a client's
+    for (int pass = 1; pass <= 10; ++pass) {
+        EXPECT_EQ(pan_after(far), 0.25) << pass;
+    }
+    EXPECT_EQ(pan_after(far), -0.5);
+    set_app_gimbal_values(0.25, 0.0, 0.0);
+    EXPECT_EQ(pan_after(far), 0.25);
+}
+
+TEST_F(SmoothRunner, NewSpeedsBeginTheCountAnew) {
+    pan_after(ahead);
+    EXPECT_EQ(pan_after(far), -0.5);
+    for (int pass = 1; pass <= 6; ++pass) {
+        pan_after(far);
+    }
+    config_record().automove_smooth_speed = 5;
+    EXPECT_EQ(pan_after(far), -0.2);
+    set_app_gimbal_values(0.25, 0.0, 0.0);
+    for (int pass = 1; pass <= 10; ++pass) {
+        EXPECT_EQ(pan_after(far), 0.25) << pass;
+    }
+    EXPECT_EQ(pan_after(far), -0.2);
+}
+
+TEST_F(SmoothRunner, AMoveToWhereTheCameraIsStopsWhatAClientWanted) {
+    pan_after(ahead);
+    set_app_gimbal_values(1.0, -1.0, 1.0);
+    run_movement(ahead);
+    EXPECT_EQ(app_gimbal_values().pan, 0.0);
+    EXPECT_EQ(app_gimbal_values().tilt, 0.0);
+    EXPECT_EQ(app_gimbal_values().roll, 0.0);
+}
