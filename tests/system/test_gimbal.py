@@ -110,6 +110,26 @@ def test_smoothing_takes_its_time(board, start, make_client):
     assert seen == sorted(seen)
 
 
+def test_the_periods_of_loop_and_publisher(board, start, make_client, make_reader):  # noqa: F811
+    """A hundred steps of 30 ms; the file follows every 100 ms. A sleep is never too short."""
+    start(QUIET + "app_pan_smooth=1\n")
+    reader = make_reader()
+    wait_texts(board, ZEROS, ZEROS, ZEROS)
+    seen = set()
+
+    def is_there():
+        seen.add(state_file(board, "app").read_text())
+        return reader.value(2) == 1.0
+
+    begin = time.monotonic()
+    send_gimbal(make_client(), 32767, 0, 0)
+    wait_until(is_there, "the value", 30.0)
+    passed = time.monotonic() - begin
+    assert 2.9 < passed < 9.0
+    # The empty text and the zeros among them.
+    assert 8 < len(seen) < passed / 0.1 + 4
+
+
 def test_function_5_switches_smoothing_off(board, sticks):  # noqa: F811
     _, reader = sticks(2, 5, more="rc_pan_smooth=1000\n")
     reader.move(2, 1)

@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from commands import Console
+from commands import SAVE, Console, hold, log_lines, release
 from conftest import is_status, wait_until
 from test_dispatcher import Source, expect_silence, reply, said
 from test_startup import startup_lines
@@ -556,6 +556,58 @@ def test_calibration(start, make_reader, console, receiver):
 
 
 @pytest.mark.parametrize("receiver", [0, 1])
+def test_centring_takes_all_channels_and_ends_a_calibration(start, make_reader, console, receiver):
+    daemon = start(QUIET)
+    reader = make_reader()
+    reader.connect(receiver)
+    for channel in range(1, 17):
+        reader.set_raw(channel, 1400 + channel, receiver)
+    control = console(daemon)
+    control.send_text(rc_command("calibrate-minmax", receiver))
+    assert reader.state(receiver) == 2 and control.commands == []
+    for channel in range(1, 17):
+        reader.set_raw(channel, 1700 + channel, receiver)
+    wait_until(lambda: reader.channel(16, receiver)[2] == 1716, "all widened")
+    control.send_text(rc_command("set-center", receiver))
+    assert reader.state(receiver) == 1 and control.commands == SAVE
+    for channel in range(1, 17):
+        reader.set_raw(channel, 1600 + channel, receiver)
+    control.send_text(rc_command("set-center", receiver))
+    centers = [1600 + channel for channel in range(1, 17)]
+    assert [reader.channel(n, receiver)[3] for n in range(1, 17)] == centers
+    assert [c["c"] for c in saved_channels(control, receiver)] == centers
+    assert [c["c"] for c in saved_channels(control, 1 - receiver)] == [0] * 16
+
+
+@pytest.mark.parametrize("receiver", [0, 1])
+def test_centring_an_absent_receiver(start, make_reader, console, receiver):
+    daemon = start(QUIET)
+    reader = make_reader()
+    reader.set_raw(16, 1234, receiver)
+    control = console(daemon)
+    assert reader.memory[:2] == b"\0\0"
+    control.send_text(rc_command("set-center", receiver))
+    assert (reader.state(receiver), reader.state(1 - receiver)) == (1, 0)
+    assert saved_channels(control, receiver)[15]["c"] == 1234
+
+
+@pytest.mark.parametrize("param", ["finish-minmax", "set-center"])
+def test_channels_are_saved_before_the_state_is_set(board, start, make_reader, console, param):
+    daemon = start(QUIET)
+    reader = make_reader()
+    reader.connect(0)
+    control = console(daemon)
+    control.send_text(rc_command("calibrate-minmax", 0))
+    assert reader.state(0) == 2
+    hold(board, "mount")
+    control.client.send(rc_command(param, 0))
+    wait_until(lambda: "mount -o rw,remount /boot" in log_lines(board), "the save")
+    assert reader.state(0) == 2
+    release(board, "mount")
+    wait_until(lambda: reader.state(0) == 1, "the state")
+
+
+@pytest.mark.parametrize("receiver", [0, 1])
 def test_set_config(start, make_reader, console, receiver):
     daemon = start(QUIET)
     reader = make_reader()
@@ -598,9 +650,12 @@ def test_other_receivers(start, make_reader, console):
                                    ("finish-minmax", 3, "finish calibration min/max"),
                                    ("set-center", 4, "calibration center")):
             control.send_text(rc_command(param, receiver))
-            assert control.errors[:2] == [f"Set RC{number} state {state}", f"RC{number} {what}"]
+            saves = [] if state == 2 else ["Saving config"]
+            assert control.errors == [f"Set RC{number} state {state}", f"RC{number} {what}", *saves]
+            assert control.commands == (SAVE if saves else [])
         control.send_text(rc_command("set-config", receiver, '[{"ch":1,"min":9}]'))
         assert control.errors == [f'Set RC{number} config: [{{"ch":1,"min":9}}]']
+        assert control.commands == []
     assert reader.memory[:1040] == before
 
 
