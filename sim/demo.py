@@ -64,7 +64,9 @@ class Viewer:
         self.started = None
 
     def _take_data(self, payload):
-        if payload.startswith(b"T1 "):
+        if payload.startswith(b"A1 "):  # the camera's answer to a command
+            self.telemetry += 1
+        elif payload.startswith(b"T1 "):
             self.telemetry += 1
             self.commands = int(payload.rpartition(b"commands=")[2])
         elif len(payload) == 44 and payload[0] == INFO:

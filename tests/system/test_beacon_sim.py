@@ -181,6 +181,30 @@ def test_commands_are_printed_and_poses_reached(board, daemon, simulate, make_cl
     assert simulator.end(signal.SIGINT) == 0
 
 
+def test_commands_are_answered(daemon, simulate, make_client, watch):
+    simulator = simulate(*BARE)
+    daemon.wait_error("Data found")
+    viewer = watch(daemon)
+    client = make_client()
+    simulator.says('"cmd":"set","name":"movement"')
+    client.send(b'!{"cmd":"shot","param":""}')
+    client.send(b'!{"cmd":"set","name":"iso","param":"","value":"100"}')
+    client.send(b"!zoom")
+    client.send(b'!{"param":"x"}')
+    client.send(b'!{"cmd":"' + b"\xc3\xa4" * 60 + b'"}')
+    simulator.says('"cmd":"set","name":"movement"', 2)
+    client.send(b'!{"cmd":"last"}')
+    wait_until(lambda: any(line.endswith(b" cmd=last") for line in viewer.payloads[0]), "answers")
+    lines = [re.fullmatch(rb"(?s)(?:T1|A1) number=(\d+) (.*)", line)
+             for line in viewer.payloads[0] if line[:3] in (b"T1 ", b"A1 ")]
+    answers = [line[2].removeprefix(b"cmd=") for line in lines if line[0].startswith(b"A1 ")]
+    assert answers == [b"shot", b"set", b"?", b"", b"\\xc3\\xa4" * 5, b"last"]
+    # One count for both kinds of lines.
+    numbers = [int(line[1]) for line in lines]
+    assert numbers == list(range(numbers[0], numbers[0] + len(numbers)))
+    assert simulator.end() == 0
+
+
 def test_the_gimbal_reaches_the_poses_of_a_movement_list(board, start, simulate):
     poses = [(9.0, -8.0, 0.0), (-9.0, 8.0, 0.0)]
     fields = ";".join(",".join(map(str, pose)) + ",,,,,0,0," for pose in poses)

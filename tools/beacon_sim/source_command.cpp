@@ -25,6 +25,10 @@ std::optional<SourceCommand> parse_source_command(std::string_view datagram) {
     return command;
 }
 
+bool is_keep_alive(const SourceCommand &command) {
+    return command.cmd == "set" && command.name == "movement";
+}
+
 std::string printable(std::string_view datagram) {
     std::string text;
     for (const char c : datagram) {

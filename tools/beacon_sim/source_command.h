@@ -16,5 +16,8 @@ struct SourceCommand {
 // no command, or not JSON (clients' texts come through as they are).
 std::optional<SourceCommand> parse_source_command(std::string_view datagram);
 
+// Is it the one that comes every second whatever happens, telling how sticks move the gimbal?
+bool is_keep_alive(const SourceCommand &command);
+
 // A datagram as one line of text: what is not printable ASCII, and backslashes, as "\x0a".
 std::string printable(std::string_view datagram);

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdio>
 #include <numbers>
+#include <string>
 #include <unistd.h>
 
 constexpr uint16_t data_port = 5000;
@@ -17,6 +18,7 @@ constexpr uint16_t audio_port = 5003;
 constexpr unsigned tone_frequency = 440; // divides into the rate's second: no seams
 constexpr double tone_loudness = 8000.0;
 constexpr size_t longest_command = 65536;
+constexpr size_t longest_name = 40; // of a command, in the answer to it
 
 bool open_streams(SourceStreams &streams) {
     return (!streams.has_telemetry || open_link(streams.data, data_port)) &&
@@ -29,6 +31,16 @@ static void send_telemetry(SourceStreams &streams, uint64_t frames) {
     const int length =
         snprintf(line, sizeof line, "T1 number=%" PRIu64 " frames=%" PRIu64 " commands=%" PRIu64,
                  streams.data.sent, frames, streams.commands);
+    send_datagram(streams.data, line, static_cast<size_t>(length));
+}
+
+// What came as no command in JSON has no name that could be told.
+static void send_answer(SourceStreams &streams, const std::optional<SourceCommand> &command) {
+    std::string name = command ? printable(command->cmd) : "?";
+    name.resize(std::min(name.size(), longest_name));
+    char line[100];
+    const int length = snprintf(line, sizeof line, "A1 number=%" PRIu64 " cmd=%s",
+                                streams.data.sent, name.c_str());
     send_datagram(streams.data, line, static_cast<size_t>(length));
 }
 
@@ -92,6 +104,9 @@ void take_commands(SourceStreams &streams, Gimbal &gimbal, int64_t begin) {
         const auto command = parse_source_command(text);
         if (command) {
             order_gimbal(gimbal, *command);
+        }
+        if (!command || !is_keep_alive(*command)) {
+            send_answer(streams, command);
         }
     }
 }

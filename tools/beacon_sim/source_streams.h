@@ -9,8 +9,8 @@
 #include <vector>
 
 // What a camera's source process exchanges with the daemon over UDP on the loopback: telemetry,
-// ten lines of text a second, which also keep the daemon sending commands back; sound; and, once a
-// second, a datagram that tells that there is video.
+// ten lines of text a second, which also keep the daemon sending commands back; a line in answer to
+// each command; sound; and, once a second, a datagram that tells that there is video.
 struct SourceStreams {
     bool has_telemetry = false;
     bool has_audio = false;
@@ -38,8 +38,8 @@ bool daemon_is_gone(const SourceStreams &streams);
 // Sends what is due at `now`; `frames` is how many were published, for the telemetry.
 void run_streams(SourceStreams &streams, int64_t now, uint64_t frames);
 
-// Takes the commands that have come, prints each behind the time since `begin`, and has the gimbal
-// carry it out.
+// Takes the commands that have come, prints each behind the time since `begin`, has the gimbal carry
+// it out, and answers it; the keep-alive is not answered.
 void take_commands(SourceStreams &streams, Gimbal &gimbal, int64_t begin);
 
 // Reads the encoder's sound and sends it on. False at its end.
