@@ -1,4 +1,4 @@
-#include "access_units.h"
+#include "beacon_sim/access_units.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "gimbal.h"
+#include "beacon_sim/gimbal.h"
 
 #include "automove/camera_state_layout.h"
 #include "base/shared_memory.h"
@@ -118,5 +118,5 @@ TEST(SourceCommand, IsNothingElse) {
          {"", "!", "{}", "!{", "!{\"cmd\":\"position\"", "!x{}", "!7", "!\"cmd\""}) {
         EXPECT_FALSE(parse_source_command(text)) << text;
     }
-    EXPECT_EQ(printable(std::string_view("a\\ \n\0\xff~", 7)), "a\\x5c \\x0a\\x00\\xff~");
+    EXPECT_EQ(escaped_line(std::string_view("a\\ \n\0\xff~", 7)), "a\\x5c \\x0a\\x00\\xff~");
 }

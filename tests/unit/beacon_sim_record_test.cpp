@@ -1,5 +1,5 @@
-#include "encoder.h"
-#include "record.h"
+#include "beacon_sim/encoder.h"
+#include "beacon_sim/record.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

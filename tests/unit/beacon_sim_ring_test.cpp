@@ -1,5 +1,5 @@
-#include "access_units.h"
-#include "ring_writer.h"
+#include "beacon_sim/access_units.h"
+#include "beacon_sim/ring_writer.h"
 
 #include "base/text.h"
 #include "media/frame_ring.h"

@@ -1,5 +1,5 @@
-#include "stick_keys.h"
-#include "stick_script.h"
+#include "beacon_sim/stick_keys.h"
+#include "beacon_sim/stick_script.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "complain.h"
+#include "beacon_sim/complain.h"
 
 #include <cstdarg>
 #include <cstdio>

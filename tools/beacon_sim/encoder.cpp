@@ -1,7 +1,7 @@
-#include "encoder.h"
+#include "beacon_sim/encoder.h"
 
-#include "audio_format.h"
-#include "complain.h"
+#include "beacon_sim/audio_format.h"
+#include "beacon_sim/complain.h"
 
 #include <algorithm>
 #include <cerrno>

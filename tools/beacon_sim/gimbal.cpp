@@ -1,4 +1,4 @@
-#include "gimbal.h"
+#include "beacon_sim/gimbal.h"
 
 #include "automove/camera_state_layout.h"
 #include "base/shared_memory.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "source_command.h"
+#include "beacon_sim/source_command.h"
 
 #include <cstdint>
 

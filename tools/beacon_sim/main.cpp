@@ -1,5 +1,5 @@
-#include "options.h"
-#include "simulation.h"
+#include "beacon_sim/options.h"
+#include "beacon_sim/simulation.h"
 
 #include <cstdio>
 

@@ -1,4 +1,4 @@
-#include "motion.h"
+#include "beacon_sim/motion.h"
 
 #include "base/clock.h"
 #include "base/shared_memory.h"

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "gimbal.h"
-#include "monotonic.h"
-#include "stick_keys.h"
-#include "stick_script.h"
+#include "beacon_sim/gimbal.h"
+#include "beacon_sim/monotonic.h"
+#include "beacon_sim/stick_keys.h"
+#include "beacon_sim/stick_script.h"
 
 #include <cstdint>
 

@@ -1,6 +1,6 @@
-#include "options.h"
+#include "beacon_sim/options.h"
 
-#include "complain.h"
+#include "beacon_sim/complain.h"
 
 #include <CLI/CLI.hpp>
 #include <charconv>

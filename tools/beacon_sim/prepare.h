@@ -1,11 +1,11 @@
 #pragma once
 
-#include "encoder.h"
-#include "motion.h"
-#include "options.h"
-#include "record.h"
-#include "source_streams.h"
-#include "video_feed.h"
+#include "beacon_sim/encoder.h"
+#include "beacon_sim/motion.h"
+#include "beacon_sim/options.h"
+#include "beacon_sim/record.h"
+#include "beacon_sim/source_streams.h"
+#include "beacon_sim/video_feed.h"
 
 // All that a simulation consists of.
 struct Simulation {
@@ -18,8 +18,11 @@ struct Simulation {
     bool has_record = false;
     uint64_t played = 0; // frames and sounds of earlier rounds of the file
     int signals = -1;
-    int64_t begin = 0;      // monotonic_ns; times in the output count from here
-    int64_t stop_since = 0; // monotonic_ns; 0: it goes on
+    int64_t begin = 0;             // monotonic_ns; times in the output count from here
+    int64_t stop_since = 0;        // monotonic_ns; 0: it goes on
+    bool is_keyboard_open = false; // with --keys, until standard input ends
+    bool was_refused = false;      // the daemon was gone,
+    bool was_ignored = false;      // or left the frames alone, when it was last looked at
     bool is_failed = false;
     bool is_aborted = false; // a second signal: nothing more is waited for
 };

@@ -1,7 +1,7 @@
-#include "record.h"
+#include "beacon_sim/record.h"
 
 #include "base/text.h"
-#include "complain.h"
+#include "beacon_sim/complain.h"
 
 #include <cerrno>
 #include <cinttypes>

@@ -1,6 +1,6 @@
-#include "shared_object.h"
+#include "beacon_sim/shared_object.h"
 
-#include "complain.h"
+#include "beacon_sim/complain.h"
 
 #include <cerrno>
 #include <cstring>

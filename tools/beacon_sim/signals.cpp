@@ -1,6 +1,6 @@
-#include "signals.h"
+#include "beacon_sim/signals.h"
 
-#include "complain.h"
+#include "beacon_sim/complain.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,9 +1,9 @@
-#include "simulation.h"
+#include "beacon_sim/simulation.h"
 
-#include "complain.h"
-#include "prepare.h"
-#include "signals.h"
-#include "terminal.h"
+#include "beacon_sim/complain.h"
+#include "beacon_sim/prepare.h"
+#include "beacon_sim/signals.h"
+#include "beacon_sim/terminal.h"
 
 #include <algorithm>
 #include <cinttypes>
@@ -16,8 +16,6 @@ constexpr int64_t patience = 5 * nanoseconds_per_second;
 // After this time something is said about it.
 constexpr int64_t silence = 2 * nanoseconds_per_second;
 constexpr int64_t ring_poll_interval = nanoseconds_per_millisecond;
-
-static bool is_keyboard_open; // with --keys, until standard input ends
 
 static void stop(Simulation &simulation) {
     if (simulation.stop_since == 0) {
@@ -34,7 +32,7 @@ static void handle_signal(Simulation &simulation) {
     if (kind == SignalKind::suspend) {
         leave_key_mode();
         suspend_process();
-        if (is_keyboard_open) {
+        if (simulation.is_keyboard_open) {
             enter_key_mode();
         }
     } else if (kind == SignalKind::stop && simulation.stop_since != 0) {
@@ -49,7 +47,7 @@ static void handle_signal(Simulation &simulation) {
 static void read_keys(Simulation &simulation) {
     char bytes[64];
     const ssize_t length = read(STDIN_FILENO, bytes, sizeof bytes);
-    is_keyboard_open = length > 0;
+    simulation.is_keyboard_open = length > 0;
     bool is_moved = false;
     for (ssize_t i = 0; i < length; ++i) {
         is_moved = press_key(simulation.motion.keys, bytes[i]) || is_moved;
@@ -112,7 +110,7 @@ static void wait_and_handle(Simulation &simulation, int64_t until) {
     // While the ring is full the encoder is left to wait, too.
     waited[on_video] = {feed.waiting.empty() ? encoder.video_fd : -1, POLLIN, 0};
     waited[on_sound] = {encoder.audio_fd, POLLIN, 0};
-    waited[on_key] = {is_keyboard_open ? STDIN_FILENO : -1, POLLIN, 0};
+    waited[on_key] = {simulation.is_keyboard_open ? STDIN_FILENO : -1, POLLIN, 0};
     const int64_t time = std::max<int64_t>(until - monotonic_ns(), 0);
     const timespec timeout{static_cast<time_t>(time / nanoseconds_per_second),
                            static_cast<long>(time % nanoseconds_per_second)};
@@ -140,18 +138,16 @@ static void wait_and_handle(Simulation &simulation, int64_t until) {
 }
 
 // Says when the daemon went away or leaves the frames alone, and when it is back: the camera waits.
-static void watch_daemon(const Simulation &simulation, int64_t now) {
-    static bool was_refused;
-    static bool was_ignored;
+static void watch_daemon(Simulation &simulation, int64_t now) {
     const bool is_refused = daemon_is_gone(simulation.streams);
     const bool is_ignored = simulation.order.has_video && now - simulation.feed.progress > silence;
-    if (is_refused != was_refused) {
+    if (is_refused != simulation.was_refused) {
         complain(is_refused ? "the daemon is gone, waiting for it" : "the daemon is back");
-    } else if (is_ignored && !was_ignored && !is_refused) {
+    } else if (is_ignored && !simulation.was_ignored && !is_refused) {
         complain("the daemon takes no frames from this ring, waiting for it");
     }
-    was_refused = is_refused;
-    was_ignored = is_ignored;
+    simulation.was_refused = is_refused;
+    simulation.was_ignored = is_ignored;
 }
 
 static bool is_over(const Simulation &simulation) {
@@ -246,7 +242,7 @@ int run_simulation(const Options &options) {
     simulation.begin = monotonic_ns();
     simulation.feed.progress = simulation.begin;
     if (options.keys) {
-        is_keyboard_open = enter_key_mode();
+        simulation.is_keyboard_open = enter_key_mode();
     }
     run_loop(simulation);
     finish(simulation);

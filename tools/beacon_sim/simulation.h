@@ -1,6 +1,6 @@
 #pragma once
 
-#include "options.h"
+#include "beacon_sim/options.h"
 
 // Runs the simulated camera until a signal, the end of its video or a failure: waits for the
 // daemon, feeds it, and at the end waits until it has taken every frame. Prints the daemon's

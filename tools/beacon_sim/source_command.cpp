@@ -1,4 +1,4 @@
-#include "source_command.h"
+#include "beacon_sim/source_command.h"
 
 #include <cjson/cJSON.h>
 #include <cstdio>
@@ -29,7 +29,7 @@ bool is_keep_alive(const SourceCommand &command) {
     return command.cmd == "set" && command.name == "movement";
 }
 
-std::string printable(std::string_view datagram) {
+std::string escaped_line(std::string_view datagram) {
     std::string text;
     for (const char c : datagram) {
         const auto byte = static_cast<unsigned char>(c);

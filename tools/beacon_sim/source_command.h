@@ -20,4 +20,4 @@ std::optional<SourceCommand> parse_source_command(std::string_view datagram);
 bool is_keep_alive(const SourceCommand &command);
 
 // A datagram as one line of text: what is not printable ASCII, and backslashes, as "\x0a".
-std::string printable(std::string_view datagram);
+std::string escaped_line(std::string_view datagram);

@@ -1,4 +1,4 @@
-#include "source_streams.h"
+#include "beacon_sim/source_streams.h"
 
 #include "base/text.h"
 
@@ -21,9 +21,9 @@ constexpr size_t longest_command = 65536;
 constexpr size_t longest_name = 40; // of a command, in the answer to it
 
 bool open_streams(SourceStreams &streams) {
-    return (!streams.has_telemetry || open_link(streams.data, data_port)) &&
-           (!streams.has_video || open_link(streams.video, video_port)) &&
-           (!streams.has_audio || open_link(streams.audio, audio_port));
+    return (!streams.has_telemetry || open_udp_link(streams.data, data_port)) &&
+           (!streams.has_video || open_udp_link(streams.video, video_port)) &&
+           (!streams.has_audio || open_udp_link(streams.audio, audio_port));
 }
 
 static void send_telemetry(SourceStreams &streams, uint64_t frames) {
@@ -36,7 +36,7 @@ static void send_telemetry(SourceStreams &streams, uint64_t frames) {
 
 // What came as no command in JSON has no name that could be told.
 static void send_answer(SourceStreams &streams, const std::optional<SourceCommand> &command) {
-    std::string name = command ? printable(command->cmd) : "?";
+    std::string name = command ? escaped_line(command->cmd) : "?";
     name.resize(std::min(name.size(), longest_name));
     char line[100];
     const int length = snprintf(line, sizeof line, "A1 number=%" PRIu64 " cmd=%s",
@@ -100,7 +100,7 @@ void take_commands(SourceStreams &streams, Gimbal &gimbal, int64_t begin) {
         const std::string_view text(datagram, static_cast<size_t>(length));
         ++streams.commands;
         const double seconds = static_cast<double>(monotonic_ns() - begin) / 1e9;
-        printf("%9.3f  command  %s\n", seconds, printable(text).c_str());
+        printf("%9.3f  command  %s\n", seconds, escaped_line(text).c_str());
         const auto command = parse_source_command(text);
         if (command) {
             order_gimbal(gimbal, *command);

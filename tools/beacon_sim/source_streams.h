@@ -1,9 +1,9 @@
 #pragma once
 
-#include "audio_format.h"
-#include "gimbal.h"
-#include "monotonic.h"
-#include "udp_link.h"
+#include "beacon_sim/audio_format.h"
+#include "beacon_sim/gimbal.h"
+#include "beacon_sim/monotonic.h"
+#include "beacon_sim/udp_link.h"
 
 #include <cstdint>
 #include <vector>
@@ -38,8 +38,8 @@ bool daemon_is_gone(const SourceStreams &streams);
 // Sends what is due at `now`; `frames` is how many were published, for the telemetry.
 void run_streams(SourceStreams &streams, int64_t now, uint64_t frames);
 
-// Takes the commands that have come, prints each behind the time since `begin`, has the gimbal carry
-// it out, and answers it; the keep-alive is not answered.
+// Takes the commands that have come, prints each behind the time since `begin`, has the gimbal
+// carry it out, and answers it; the keep-alive is not answered.
 void take_commands(SourceStreams &streams, Gimbal &gimbal, int64_t begin);
 
 // Reads the encoder's sound and sends it on. False at its end.

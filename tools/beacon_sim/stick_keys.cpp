@@ -1,4 +1,4 @@
-#include "stick_keys.h"
+#include "beacon_sim/stick_keys.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "stick_script.h"
+#include "beacon_sim/stick_script.h"
 
 #include <algorithm>
 #include <charconv>

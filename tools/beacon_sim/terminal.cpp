@@ -1,6 +1,6 @@
-#include "terminal.h"
+#include "beacon_sim/terminal.h"
 
-#include "complain.h"
+#include "beacon_sim/complain.h"
 
 #include <cstdlib>
 #include <termios.h>

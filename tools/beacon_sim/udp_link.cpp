@@ -1,13 +1,13 @@
-#include "udp_link.h"
+#include "beacon_sim/udp_link.h"
 
-#include "complain.h"
+#include "beacon_sim/complain.h"
 
 #include <cerrno>
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-bool open_link(UdpLink &link, uint16_t port) {
+bool open_udp_link(UdpLink &link, uint16_t port) {
     sockaddr_in daemon{};
     daemon.sin_family = AF_INET;
     daemon.sin_port = htons(port);

@@ -14,7 +14,7 @@ struct UdpLink {
 };
 
 // Opens the link. False after a message.
-bool open_link(UdpLink &link, uint16_t port);
+bool open_udp_link(UdpLink &link, uint16_t port);
 
 // Sends a datagram.
 void send_datagram(UdpLink &link, const void *data, size_t length);

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "access_units.h"
-#include "record.h"
-#include "ring_writer.h"
+#include "beacon_sim/access_units.h"
+#include "beacon_sim/record.h"
+#include "beacon_sim/ring_writer.h"
 
 #include <cstdint>
 #include <deque>
