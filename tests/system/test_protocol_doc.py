@@ -38,7 +38,7 @@ LAYOUTS = {
     "A channel record": ("src/rc/rc_block_layout.h", "channel_", 32),
     "The camera state": ("src/automove/camera_state_layout.h", "camera_", 6),
 }
-TYPE_SIZES = {"u8": 1, "u16": 2, "i16": 2, "u32": 4, "f64": 8}
+TYPE_SIZES = {"u8": 1, "i8": 1, "u16": 2, "i16": 2, "u32": 4, "f64": 8}
 
 
 def board_steps(block):
