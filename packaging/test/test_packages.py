@@ -1,6 +1,8 @@
 """What the packages do on a Debian machine: installation, service, settings, upgrade, removal."""
 
+import gzip
 import os
+import re
 import shutil
 import subprocess
 
@@ -78,6 +80,43 @@ def test_lintian_finds_nothing():
                            "error,warning", *(package_file(name) for name in NAMES)],
                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     assert done.returncode == 0, done.stdout
+
+
+def unpacked(name, folder):
+    """The content of a package, in a folder."""
+    root = folder / name
+    subprocess.run(["dpkg-deb", "-x", package_file(name), root], check=True)
+    return root
+
+
+def manuals(root):
+    """The package's manual pages by name, without the backslashes of their hyphens."""
+    return {page.name: gzip.decompress(page.read_bytes()).decode().replace("\\-", "-")
+            for page in root.glob("usr/share/man/man*/*.gz")}
+
+
+def test_the_installed_documents_have_all_that_they_link_to(tmp_path):
+    readmes = 0
+    for name in NAMES:
+        place = unpacked(name, tmp_path) / "usr/share/doc" / name
+        readmes += (place / "README.md").exists()
+        for document in {*place.rglob("*.md")} - {place / "CONTRIBUTING.md"}:  # links to sources
+            links = re.findall(r"\]\(([^)\s#]+)[^)\s]*\)", document.read_text())
+            missing = [link for link in links
+                       if "://" not in link and not (document.parent / link).is_file()]
+            assert missing == [], document
+    assert readmes == 1
+
+
+def test_the_manuals_name_documents_that_are_installed(tmp_path):
+    named = {}
+    for name in NAMES:
+        root = unpacked(name, tmp_path)
+        for page, text in manuals(root).items():
+            named[page] = re.findall(r"/usr/share/doc/[\w./-]*\w", text)
+            assert [path for path in named[page] if not (root / path[1:]).is_file()] == [], page
+    assert sorted(named) == ["beacon-sim.1.gz", "beaconctl.1.gz", "quillorbeacon.8.gz"]
+    assert all(named.values())
 
 
 def test_the_units_are_well_formed(machine):
