@@ -12,6 +12,8 @@ import threading
 import time
 from pathlib import Path
 
+import pytest
+
 from conftest import BUILD, SANITIZERS, wait_until
 
 PROGRAM = BUILD / "beaconctl"
@@ -154,8 +156,27 @@ class BadLink:
         elif to_client:
             self.front.sendto(datagram, self.client)
         else:
+            self.send_to_daemon(datagram)
+
+    def send_to_daemon(self, datagram):
+        try:
+            self.back.send(datagram)
+        except ConnectionRefusedError:  # of the datagram before; the daemon may be there again
             self.back.send(datagram)
 
     def close(self):
         self.stopped.set()
         self.thread.join()
+
+
+@pytest.fixture
+def bad_link(board):
+    made = []
+
+    def make(*arguments):
+        made.append(BadLink(board, *arguments))
+        return made[-1]
+
+    yield make
+    for link in made:
+        link.close()

@@ -7,9 +7,9 @@ import subprocess
 import pytest
 
 from beaconctl import Ctl, read_line, send_signal
+from beaconctl import bad_link  # noqa: F401 - a fixture
 from commands import BOOT_FILE, parse_settings
 from conftest import REPOSITORY, wait_until
-from test_rc import make_reader  # noqa: F401 - a fixture
 
 QUIET = "recording_place=2\n"
 TEMPERATURE = "/sys/class/thermal/thermal_zone0/temp"
@@ -116,6 +116,8 @@ UNCLEAR = [
     (["display"], '"display" is used like this:\n  beaconctl set display enabled'),
     (["display", "hflip"], "0 values given where 1 are taken"),
     (["display", "hflip", "2"], 'display_hflip takes 0 or 1, not "2"'),
+    (["streaming", "srt", "enabled=1"],
+     '"enabled=1" is no NAME=VALUE of this param; its names: stream_srt_enabled (srt_enabled), '),
     (["wlan", "a", "b"], "2 values given where 16 are taken (or NAME=VALUE for some)"),
     (["cvbs", "test", "aspect=4:3"], "standard is missing"),
 ]
@@ -231,7 +233,11 @@ def test_hosts_may_have_names(ctl, daemon):
 
 USELESS = [
     [], ["nope"], ["get", "info", "more"], ["record"], ["gimbal", "0", "0", "1.1"],
-    ["download", "/" + "x" * 255, "x"], ["record", "x", "--type", "y"],
+    ["download", "/" + "x" * 255, "x"], ["download", "", "x"], ["record", "x", "--type", "y"],
+    ["gimbal", "nan", "0", "0"], ["gimbal", "0", "inf", "0"], ["gimbal", "0", "0", "-.5x"],
+    ["record", "x", "--seconds", "1e12"], ["record", "x", "--seconds", "nan"],
+    ["record", "x", "--seconds", "-1"], ["--timeout", "nan", "get"], ["--timeout", "0", "get"],
+    ["raw", "{}", "--seconds", "inf"],
     ["--port", "0", "get"], ["rc", "calibrate", "3"], ["reboot"],
 ]
 
@@ -241,6 +247,10 @@ def test_wrong_usage(ctl):
         done = ctl(*words)
         assert done.returncode == 2 and done.stdout == "", words
         assert done.stderr.startswith("beaconctl: "), words
+    assert ctl("nope", "get").stderr.startswith('beaconctl: ')
+    assert ctl("--port", "1", "nope").stderr.startswith('beaconctl: no command "nope"\n')
+    assert ctl("get", "--timeout", "1e7").stderr.startswith(
+        'beaconctl: --timeout: "1e7" is no number from 0.05 to 1000000\n')
 
 
 def test_a_full_house(ctl, daemon, registered_client):
@@ -264,7 +274,7 @@ def test_raw(ctl, daemon):
 FATAL = [
     "", "{", "[]", "{}", '{"cmd":1}', '{"cmd":"rc"}', '{"cmd":"file","param":0}',
     '{"cmd":"updateconfig"}', '{"cmd":"wlan","param":"scan"}',
-    '{"cmd":"x","y":"' + "z" * 30000 + '"}', '{"cmd":"x","y":' + "[" * 2000 + "]" * 2000 + "}",
+    '{"cmd":"rc\\u0000"}', '{"cmd":"x","y":' + "[" * 2000 + "]" * 2000 + "}",
 ]
 
 
@@ -272,8 +282,18 @@ def test_raw_refuses_what_the_daemon_would_end_on(ctl, daemon):
     for command in FATAL:
         done = ctl("raw", command)
         assert (done.returncode, done.stdout) == (2, ""), command
-        assert done.stderr.startswith("beaconctl: not sent, for the daemon would end on it: it ")
+        assert done.stderr.startswith("beaconctl: not sent, for the daemon would end on it: ")
     assert "parse_packet" not in daemon.errors() and daemon.alive()
+
+
+def test_the_longest_command(ctl, daemon):
+    command = '{"cmd":"nothing","value":"%s"}' % ("z" * (29988 - 28))
+    assert len(command) == 29988
+    assert ctl("raw", command, "--seconds", "0.1").returncode == 0
+    daemon.wait_error("parse_packet json " + command + "\n")
+    done = ctl("raw", command.replace("z", "zz", 1))
+    assert (done.returncode, done.stderr) == (
+        2, "beaconctl: not sent: it is too long: the daemon reads 29988 bytes at most\n")
 
 
 def test_scan(board, ctl, daemon):
@@ -307,6 +327,8 @@ def test_gimbal(board, ctl, daemon):
 
     assert ctl("gimbal", "0.5", "-1", "0.25").returncode == 0
     wait_until(lambda: values() == [0.5, -1.0, 0.25], "the values")
+    assert ctl("gimbal", "-.5", "0", "-1e-1").returncode == 0
+    wait_until(lambda: values() == [-0.5, 0.0, -0.1], "the values")
     assert ctl("gimbal", "0", "0", "0").stdout == "Sent: pan 0, tilt 0, roll 0.\n"
     wait_until(lambda: values() == [0.0, 0.0, 0.0], "the values")
 
@@ -316,6 +338,35 @@ def test_restart(ctl, daemon):
     assert (done.returncode, done.stdout) == (
         0, "The daemon has ended; its supervisor starts it again.\n")
     assert daemon.wait_exit() == 2
+
+
+def test_a_restart_of_which_datagrams_get_lost(
+        ctl, daemon, bad_link, make_client, start):  # noqa: F811
+    client = make_client()
+    for _ in range(500):  # the old count of packets gets far beyond that of a new daemon
+        client.send(b"\0")
+        client.receive_any()
+    # Behind the first question: the command and the question after it are lost, and the command
+    # again.
+    link = bad_link(lambda to_client, number, _datagram: to_client or number not in (2, 3, 5))
+    process = ctl.start(*link.options, "--timeout", "60", "restart", text=True)
+    assert daemon.wait_exit(30.0) == 2
+    start(QUIET)
+    assert process.wait(60.0) == 0
+    assert process.stdout.read() == "The daemon has ended; its supervisor starts it again.\n"
+    assert link.lost == 3
+
+
+def test_a_restart_after_which_nothing_is_heard(ctl, daemon, bad_link):  # noqa: F811
+    link = bad_link(lambda to_client, number, _datagram: number == 1)
+    done = ctl(*link.options, "--timeout", "1", "restart")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        3, "", "beaconctl: sent, and it no longer answers\n")
+    assert daemon.alive()
+    link = bad_link(lambda to_client, _number, datagram: b"restart" not in datagram)
+    done = ctl(*link.options, "restart")
+    assert (done.returncode, done.stderr) == (
+        1, "beaconctl: the daemon goes on without a restart\n")
 
 
 def test_reboot_asks_first(board, ctl, daemon):
@@ -329,69 +380,6 @@ def test_reboot_asks_first(board, ctl, daemon):
     terminal.type("y\n")
     assert terminal.end()[0] == 0
     wait_until(lambda: "reboot" in board.log(), "the reboot")
-
-
-# Radio control.
-
-@pytest.fixture
-def sticks(board, start, make_reader):  # noqa: F811
-    start(QUIET + 'rc1_channels=[{"ch":1,"min":900,"c":1400,"max":2100,"f":2}]\n')
-    reader = make_reader()
-    for channel in range(1, 17):
-        reader.set_raw(channel, 1500)
-    reader.connect(0)
-    return reader
-
-
-def test_channels(ctl, sticks):
-    lines = ctl("rc").stdout.splitlines()
-    assert lines[0] == "RC1 present" and lines[-1] == "RC2 absent" and len(lines) == 19
-    assert lines[2].split() == ["1", "1500", "900", "1400", "2100", "0.143", "0", "100%", "no",
-                                "pan"]
-    answer = json.loads(ctl("rc", "--json").stdout)
-    assert answer["rc1"]["state"] == 1 and answer["rc1"]["ch"][0]["c"] == 1400
-    terminal = ctl.at_terminal("rc", rows=40)
-    terminal.expect(" 1500  ")
-    sticks.set_raw(7, 1777)
-    terminal.expect("   7   1777  ")
-    terminal.interrupt()
-    assert terminal.end()[0] == 0
-
-
-def test_calibration(board, ctl, sticks):
-    terminal = ctl.at_terminal("rc", "calibrate")
-    terminal.expect("Then press Enter.")
-    terminal.expect("channels moved so far: none")
-    for value in (1100, 1950):
-        sticks.set_raw(3, value)
-        wait_until(lambda: value in sticks.channel(3)[1:3], "the end noted")  # noqa: B023
-    terminal.expect("channels moved so far: 3")
-    terminal.type("\n")
-    terminal.expect("Step 2 of 2, the centre.")
-    assert sticks.state(0) == 1
-    sticks.set_raw(3, 1490)
-    terminal.type("\n")
-    terminal.expect("Done and saved:")
-    assert terminal.end()[0] == 0
-    assert sticks.channel(3)[1:4] == (1100, 1950, 1490)
-    saved = json.loads(parse_settings(board.path(BOOT_FILE).read_bytes())["rc1_channels"])
-    assert saved[2]["min"] == 1100 and saved[2]["max"] == 1950 and saved[2]["c"] == 1490
-
-
-@pytest.mark.parametrize("enters", ["", "\n"])
-def test_calibration_that_is_given_up(ctl, sticks, enters):
-    done = ctl("rc", "calibrate", "1", input=enters)
-    assert done.returncode == 1
-    assert done.stderr == ("beaconctl: calibration given up; the channels have their old values "
-                           "again\n")
-    wait_until(lambda: sticks.channel(1)[1:4] == (900, 2100, 1400), "the old values")
-    assert sticks.state(0) == 1
-
-
-def test_calibration_of_a_receiver_that_is_not_there(ctl, sticks):
-    done = ctl("rc", "calibrate", "2")
-    assert (done.returncode, done.stdout) == (1, "")
-    assert done.stderr.startswith("beaconctl: RC2 is absent")
 
 
 # Help, manual page and completion tell the same.
@@ -458,3 +446,10 @@ def test_completion_knows_where_it_is():
     assert completions(["beaconctl", "record", "se"]) == ["setup.sh"]
     assert completions(["beaconctl", "download", "/media/x", "bo"]) == ["board.py"]
     assert completions(["beaconctl", "rc", "calibrate", ""]) == ["1", "2"]
+    # The shell takes "=" for a word of its own.
+    assert completions(["beaconctl", "--host", "=", "board", "g"]) == ["get", "gimbal"]
+    assert completions(["beaconctl", "--host", "=", "10.0.0.1", "get", "wi"]) == ["wifi"]
+    assert completions(["beaconctl", "record", "--type", "=", "a"]) == ["audio"]
+    assert completions(["beaconctl", "record", "--type", "="]) == [
+        "video", "audio", "camera", "data"]
+    assert completions(["beaconctl", "record", "--type=audio", "se"]) == ["setup.sh"]

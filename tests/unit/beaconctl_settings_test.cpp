@@ -72,12 +72,32 @@ TEST(SettingValues, AreRefusedWhenTheyCannotBeMeant) {
     EXPECT_EQ(error({"1", "a"}),
               "2 values given where 3 are taken (or NAME=VALUE for some)" + usage);
     EXPECT_EQ(error({}), "0 values given where 3 are taken (or NAME=VALUE for some)" + usage);
-    EXPECT_EQ(error({"ip=a", "nope=1"}), "\"nope=1\" is no NAME=VALUE of this param" + usage);
-    EXPECT_EQ(error({"nope=1", "ip=a"}), "\"nope=1\" is no NAME=VALUE of this param" + usage);
+    const std::string no_name =
+        "\"nope=1\" is no NAME=VALUE of this param; its names: eth_static_ip_enabled (enabled), "
+        "eth_static_ip (ip), eth_static_mask (mask)";
+    EXPECT_EQ(error({"ip=a", "nope=1"}), no_name);
+    EXPECT_EQ(error({"nope=1", "ip=a"}), no_name);
+    EXPECT_EQ(error({"nope=1"}), no_name);
     EXPECT_EQ(error({"2", "a", "b"}), "eth_static_ip_enabled takes 0 or 1, not \"2\"");
     EXPECT_EQ(read_values(row({"tft_display", "model"}), Words{"2x"}).error,
               "tft_display_model takes a number, not \"2x\"");
     EXPECT_EQ(read_values(row({"tft_display", "model"}), Words{"-2"}).error, "");
+}
+
+TEST(SettingValues, AnotherParamsNameIsToldFromAValue) {
+    const auto error = [](const SettingRow &of, const Words &words) {
+        return read_values(of, words).error;
+    };
+    EXPECT_EQ(error(row({"streaming", "srt"}), {"enabled=1"}),
+              "\"enabled=1\" is no NAME=VALUE of this param; its names: stream_srt_enabled "
+              "(srt_enabled), stream_srt_url (srt_url)");
+    EXPECT_EQ(error(row({"streaming", "rtsp"}), {"enabled=1"}),
+              "\"enabled=1\" is no NAME=VALUE of this param; its names: rtsp_server_enabled "
+              "(rtsp_enabled)");
+    EXPECT_EQ(error(row({"automovement", "movenext"}), {"step=1"}),
+              "\"step=1\" is no NAME=VALUE of this param; it takes no values");
+    EXPECT_EQ(error(row({"streaming", "srt"}), {"1", "srt://a?enabled=1"}), "");
+    EXPECT_EQ(error(row({"streaming", "srt"}), {"1", "mode=caller"}), "");
 }
 
 TEST(SettingValues, OptionalOnesMayBeLeftOut) {

@@ -72,6 +72,14 @@ TEST(TextTable, KeepsControlCharactersFromTheTerminal) {
               "?1m \xC2\xA9");
 }
 
+TEST(TextTable, ABarTellsAPart) {
+    EXPECT_EQ(progress_bar(0, 12), "[          ]");
+    EXPECT_EQ(progress_bar(0.59, 12), "[#####     ]");
+    EXPECT_EQ(progress_bar(1, 12), "[##########]");
+    EXPECT_EQ(progress_bar(1.5, 12), "[##########]");
+    EXPECT_EQ(progress_bar(0.5, 9), "");
+}
+
 static std::string refusal(const char *text) {
     const CheckedCommand checked = check_command(text);
     EXPECT_EQ(checked.text.empty(), !checked.reason.empty());
@@ -104,11 +112,24 @@ TEST(CommandCheck, RefusesWhatTheDaemonEndsOn) {
 TEST(CommandCheck, RefusesWhatTheDaemonWouldReadInPart) {
     const std::string frame = R"({"cmd":""})";
     std::string command =
-        R"({"cmd":")" + std::string(largest_client_payload - 1 - frame.size(), 'x') + R"("})";
+        R"({"cmd":")" + std::string(largest_client_payload - frame.size(), 'x') + R"("})";
+    EXPECT_EQ(command.size(), 29988U);
     EXPECT_EQ(refusal(command.c_str()), "");
     command.insert(command.size() - 2, "x");
-    EXPECT_EQ(refusal(command.c_str()), "it is longer than 29987 bytes");
-    EXPECT_EQ(refusal(("!" + command).c_str()), "it is longer than 29987 bytes");
+    const CheckedCommand refused = check_command(command);
+    EXPECT_EQ(refused.reason, "it is too long: the daemon reads 29988 bytes at most");
+    EXPECT_TRUE(refused.is_too_long);
+    EXPECT_TRUE(check_command("!" + command).is_too_long);
+    EXPECT_FALSE(check_command("{").is_too_long);
+}
+
+// The daemon's texts end there: it would miss the command's "param".
+TEST(CommandCheck, RefusesNuls) {
+    const char *const reason = "a text in it holds a NUL";
+    EXPECT_EQ(refusal(R"({"cmd":"rc\u0000"})"), reason);
+    EXPECT_EQ(refusal(R"({"cmd":"x","y":"a\u0000b"})"), reason);
+    EXPECT_EQ(refusal(R"({"cmd\u0000":"rc","cmd":"x"})"), reason);
+    EXPECT_EQ(refusal(R"({"cmd":"x","y":"\\u0000"})"), "");
 }
 
 TEST(CommandCheck, RefusesDeepNesting) {

@@ -9,12 +9,24 @@ _beaconctl() {
     local params="ethernet wlan streaming recording rec transcoding audio display tft_display osd
         cvbs hdmi app_type internal_camera rc gimbal fs_rw make_preview automovement zerotier"
 
+    # In --host=ADDR, "=" is a word of its own.
+    if [[ $cur == "=" ]]; then
+        cur=""
+    elif [[ $prev == "=" ]]; then
+        prev=${COMP_WORDS[COMP_CWORD - 2]}
+    fi
+
     # The words behind the options: the command and its arguments before the one being typed.
     local -a words=()
     local i
     for ((i = 1; i < COMP_CWORD; i++)); do
         case ${COMP_WORDS[i]} in
-        --host | --port | --timeout | --type | --seconds) ((i++)) ;;
+        --host | --port | --timeout | --type | --seconds)
+            ((i++))
+            if [[ ${COMP_WORDS[i]-} == "=" ]]; then
+                ((i++))
+            fi
+            ;;
         -*) ;;
         *) words+=("${COMP_WORDS[i]}") ;;
         esac
@@ -39,9 +51,8 @@ _beaconctl() {
         list="--help --host --port --timeout"
         case $command in
         "") list=$global ;;
-        watch) list+=" --once" ;;
-        get | scan) list+=" --json" ;;
-        rc) list+=" --once --json" ;;
+        get | set | scan) list+=" --json" ;;
+        watch | rc) list+=" --once --json" ;;
         record) list+=" --type --seconds" ;;
         download) list+=" --resume" ;;
         raw) list+=" --seconds" ;;

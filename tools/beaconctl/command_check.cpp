@@ -62,13 +62,29 @@ static CheckedCommand refuse(const std::string &reason) {
     return {"", reason};
 }
 
-static std::string too_long() {
-    return "it is longer than " + std::to_string(largest_client_payload - 1) + " bytes";
+// The daemon reads a longer one in part only.
+static CheckedCommand refuse_length() {
+    return {"",
+            "it is too long: the daemon reads " + std::to_string(largest_client_payload) +
+                " bytes at most",
+            true};
+}
+
+// For the daemon a text ends at its first NUL.
+static bool holds_nul(const ordered_json &command) {
+    const auto has_nul = [](const std::string &text) { return text.find('\0') != text.npos; };
+    for (const auto &[name, value] : command.items()) {
+        const auto *text = value.get_ptr<const std::string *>();
+        if (has_nul(name) || (text != nullptr && has_nul(*text))) {
+            return true;
+        }
+    }
+    return false;
 }
 
 static CheckedCommand check_json(std::string_view text) {
-    if (text.size() >= largest_client_payload) {
-        return refuse(too_long());
+    if (text.size() > largest_client_payload) {
+        return refuse_length();
     }
     const ordered_json command = ordered_json::parse(text, nullptr, false);
     if (command.is_discarded()) {
@@ -80,6 +96,9 @@ static CheckedCommand check_json(std::string_view text) {
     if (depth_of(command) > deepest_nesting) {
         return refuse("it is nested too deeply");
     }
+    if (holds_nul(command)) {
+        return refuse("a text in it holds a NUL");
+    }
     const std::string missing = missing_member(command);
     if (!missing.empty()) {
         return refuse("it has no text member \"" + missing + "\"");
@@ -90,9 +109,5 @@ static CheckedCommand check_json(std::string_view text) {
 CheckedCommand check_command(std::string_view text) {
     CheckedCommand checked =
         !text.empty() && text[0] == '!' ? CheckedCommand{std::string(text), ""} : check_json(text);
-    // The daemon reads a larger one in part only.
-    if (checked.text.size() >= largest_client_payload) {
-        return refuse(too_long());
-    }
-    return checked;
+    return checked.text.size() > largest_client_payload ? refuse_length() : checked;
 }

@@ -9,6 +9,7 @@
 struct CheckedCommand {
     std::string text;   // the command as it is to be sent; empty when it is refused
     std::string reason; // why it is refused
+    bool is_too_long = false;
 };
 
 // Takes a JSON object, or, behind a "!", whatever the data source is to get.

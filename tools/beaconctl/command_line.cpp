@@ -2,10 +2,16 @@
 
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
+#include "beaconctl/screen.h"
 #include "beaconctl/setting_rows.h"
 
 #include <CLI/CLI.hpp>
+#include <cctype>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
+#include <iostream>
+#include <sstream>
 
 constexpr const char *footer = R"(
 Exit status:
@@ -41,6 +47,27 @@ struct Words {
     int exit_code = exit_ok;
 };
 
+// A number without inf and nan, which other checks let pass.
+static CLI::Validator number_check(double least, double most) {
+    const auto check = [least, most](const std::string &word) -> std::string {
+        double value = 0;
+        const char *end = word.data() + word.size();
+        const auto [parsed_to, error] = std::from_chars(word.data(), end, value);
+        if (error == std::errc() && parsed_to == end && std::isfinite(value) && value >= least &&
+            value <= most) {
+            return "";
+        }
+        char range[80];
+        snprintf(range, sizeof range, " is no number from %.7g to %.7g", least, most);
+        return "\"" + word + "\"" + range;
+    };
+    return {check, ""};
+}
+
+static CLI::Validator seconds_check() {
+    return number_check(0.05, 1e6);
+}
+
 static void add_global_options(CLI::App &app, Words &words) {
     app.add_option("--host", words.target.host, "The board's address or name")
         ->capture_default_str();
@@ -50,7 +77,7 @@ static void add_global_options(CLI::App &app, Words &words) {
     app.add_option_function<double>(
            "--timeout", [&words](double seconds) { words.target.timeout = seconds; },
            "Seconds to wait for an answer [5; 20 for scan]")
-        ->check(CLI::Range(0.05, 3600.0))
+        ->check(seconds_check())
         ->type_name("SECONDS");
     app.set_version_flag("--version", "beaconctl " BEACONCTL_VERSION, "Print the version");
     app.set_help_flag("-h,--help", "Print this help");
@@ -59,7 +86,9 @@ static void add_global_options(CLI::App &app, Words &words) {
 static void add_watch(CLI::App &app, Words &words) {
     auto *command = app.add_subcommand("watch", "Show the board's state, live");
     command->add_flag("--once", words.is_once, "Show it once and end");
-    command->callback([&] { words.exit_code = watch_status(words.target, words.is_once); });
+    command->add_flag("--json", words.as_json, "Show it once, as JSON");
+    command->callback(
+        [&] { words.exit_code = watch_status(words.target, words.is_once, words.as_json); });
 }
 
 static void add_get(CLI::App &app, Words &words) {
@@ -68,7 +97,7 @@ static void add_get(CLI::App &app, Words &words) {
     command->add_flag("--json", words.as_json, "Print JSON");
     command->callback([&] {
         words.exit_code = words.section.empty()
-                              ? list_sections()
+                              ? list_sections(words.as_json)
                               : get_section(words.target, words.section, words.as_json);
     });
 }
@@ -94,10 +123,12 @@ static void add_set(CLI::App &app, Words &words) {
                         "The param, its sub-command where it has one, and its values:\n"
                         "all of them in order, or NAME=VALUE for those to change.\n"
                         "Without anything, all params are listed with their values.");
+    command->add_flag("--json", words.as_json, "Print the values, or the list, as JSON");
     command->footer(set_footer);
     command->callback([&] {
-        words.exit_code =
-            words.setting.empty() ? list_params() : set_values(words.target, words.setting);
+        words.exit_code = words.setting.empty()
+                              ? list_params(words.as_json)
+                              : set_values(words.target, words.setting, words.as_json);
     });
 }
 
@@ -108,7 +139,7 @@ static void add_record(CLI::App &app, Words &words) {
         ->capture_default_str()
         ->check(CLI::IsMember({"video", "audio", "camera", "data"}));
     command->add_option("--seconds", words.record.seconds, "End after that time [when stopped]")
-        ->check(CLI::PositiveNumber)
+        ->check(seconds_check())
         ->type_name("SECONDS");
     command->callback([&] { words.exit_code = record_stream(words.target, words.record); });
 }
@@ -152,7 +183,7 @@ static void add_gimbal(CLI::App &app, Words &words) {
     auto *command = app.add_subcommand("gimbal", "Turn the gimbal; 0 0 0 stops it");
     for (const auto &[name, value] : {std::pair{"PAN", &words.pan}, std::pair{"TILT", &words.tilt},
                                       std::pair{"ROLL", &words.roll}}) {
-        command->add_option(name, *value, "-1 to 1")->required()->check(CLI::Range(-1.0, 1.0));
+        command->add_option(name, *value, "-1 to 1")->required()->check(number_check(-1, 1));
     }
     command->callback(
         [&] { words.exit_code = turn_gimbal(words.target, words.pan, words.tilt, words.roll); });
@@ -164,7 +195,7 @@ static void add_raw(CLI::App &app, Words &words) {
         ->required();
     command->add_option("--seconds", words.seconds, "How long to wait for answers")
         ->capture_default_str()
-        ->check(CLI::PositiveNumber)
+        ->check(seconds_check())
         ->type_name("SECONDS");
     command->callback(
         [&] { words.exit_code = send_raw(words.target, words.command, words.seconds); });
@@ -182,14 +213,43 @@ static void add_simple_commands(CLI::App &app, Words &words) {
     reboot->callback([&] { words.exit_code = reboot_board(words.target, words.is_sure); });
 }
 
+// What was wrong with the command line, for people.
+static std::string problem_text(const CLI::App *app, const CLI::Error &problem) {
+    const std::vector<std::string> rest = app->remaining();
+    const bool is_unknown = app->get_subcommands().empty() && !rest.empty() && rest[0][0] != '-';
+    return "beaconctl: " + (is_unknown ? "no command \"" + rest[0] + "\"" : problem.what()) +
+           "\nRun \"beaconctl --help\", or a command with --help, for more.\n";
+}
+
+static bool is_command(const CLI::App &app, const std::string &word) {
+    return !app.get_subcommands([&](const CLI::App *each) { return each->get_name() == word; })
+                .empty();
+}
+
+// The words in reverse order, as the parser takes them. It takes "-.5" for an option, so that
+// numbers of the gimbal are given their zero.
+static std::vector<std::string> parser_words(const CLI::App &app, int argc, char **argv) {
+    std::vector<std::string> words;
+    std::string command;
+    for (int i = 1; i < argc; ++i) {
+        std::string word = argv[i];
+        if (command.empty() && is_command(app, word)) {
+            command = word;
+        }
+        const bool is_fraction = word.size() > 2 && word.starts_with("-.") && isdigit(word[2]) != 0;
+        if (is_fraction && command == "gimbal") {
+            word.insert(1, "0");
+        }
+        words.insert(words.begin(), word);
+    }
+    return words;
+}
+
 int run_command_line(int argc, char **argv) {
     CLI::App app("Talks to the relay and control daemon of a camera board.", "beaconctl");
     Words words;
     add_global_options(app, words);
-    app.failure_message([](const CLI::App *, const CLI::Error &problem) {
-        return std::string("beaconctl: ") + problem.what() +
-               "\nRun \"beaconctl --help\", or a command with --help, for more.\n";
-    });
+    app.failure_message(problem_text);
     app.require_subcommand(1);
     app.fallthrough();
     add_watch(app, words);
@@ -204,10 +264,12 @@ int run_command_line(int argc, char **argv) {
     add_raw(app, words);
     app.footer(footer); // not before: the commands would have it too
     try {
-        app.parse(argc, argv);
+        app.parse(parser_words(app, argc, argv));
     } catch (const CLI::ParseError &problem) {
-        // Help and version come here too.
-        return app.exit(problem) == 0 ? exit_ok : exit_usage;
+        std::ostringstream output; // help and version come here, too
+        const bool is_wish = app.exit(problem, output, std::cerr) == 0;
+        print_text(output.str());
+        return is_wish ? exit_ok : exit_usage;
     }
     return words.exit_code;
 }

@@ -8,12 +8,12 @@
 // The commands, one function each. Each returns the exit code, and says on standard error why it
 // is not exit_ok.
 
-int watch_status(const Target &target, bool is_once);
+int watch_status(const Target &target, bool is_once, bool as_json);
 
 int get_section(const Target &target, const std::string &section, bool as_json);
-int list_sections();
-int set_values(const Target &target, const std::vector<std::string> &words);
-int list_params();
+int list_sections(bool as_json);
+int set_values(const Target &target, const std::vector<std::string> &words, bool as_json);
+int list_params(bool as_json);
 
 struct RecordOptions {
     std::string file; // "-": standard output

@@ -2,6 +2,7 @@
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/file_transfer.h"
 #include "beaconctl/screen.h"
+#include "beaconctl/text_table.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -97,11 +98,14 @@ static void tell_progress(Download &download) {
     }
     const double done = download.transfer.offset;
     const double size = download.transfer.size;
+    const double part = size > 0 ? done / size : 1;
     const double speed = (done - download.began_at) / std::max(seconds_since(download.begun), 0.01);
     char text[200];
-    snprintf(text, sizeof text, "%3.0f %%  %s of %s", 100 * done / size, bytes_text(done).c_str(),
+    snprintf(text, sizeof text, " %3.0f %%  %s of %s", 100 * part, bytes_text(done).c_str(),
              bytes_text(size).c_str());
-    std::string line = text;
+    // The bar has its place at the left, however long the words become.
+    const size_t columns = progress_columns();
+    std::string line = progress_bar(part, std::min<size_t>(columns / 3, 40)) + text;
     if (speed > 0) {
         snprintf(text, sizeof text, "  %s/s  %.0f s left", bytes_text(speed).c_str(),
                  (size - done) / speed);
@@ -137,7 +141,12 @@ static int begin_pieces(Download &download) {
 struct Step {
     int code = exit_ok;
     bool is_over = false;
+    bool is_broken_off = false; // by silence or the user: what has come can be gone on from
 };
+
+static Step over(int code) {
+    return {code, true, false};
+}
 
 static Step take_verdict(Download &download, PieceVerdict verdict, uint32_t offset,
                          std::span<const uint8_t> data) {
@@ -150,18 +159,17 @@ static Step take_verdict(Download &download, PieceVerdict verdict, uint32_t offs
         } else if (offset == probe_offset) {
             code = begin_pieces(download);
         }
-        return {code, code != exit_ok || verdict == PieceVerdict::complete};
+        return {code, code != exit_ok || verdict == PieceVerdict::complete, false};
     }
     case PieceVerdict::missing:
-        return {fail(download.remote + ": the board has no such file"), true};
+        return over(fail(download.remote + ": the board has no such file"));
     case PieceVerdict::too_large:
-        return {fail(download.remote + " is larger than 2 GB, which is the most that can be "
-                                       "fetched"),
-                true};
+        return over(
+            fail(download.remote + " is larger than 2 GB, which is the most that can be fetched"));
     case PieceVerdict::changed:
-        return begin_again(download) ? Step{} : Step{report_changed(download), true};
+        return begin_again(download) ? Step{} : over(report_changed(download));
     case PieceVerdict::ended_early:
-        return {fail(download.remote + " is shorter than the board says"), true};
+        return over(fail(download.remote + " is shorter than the board says"));
     case PieceVerdict::not_expected:
         break;
     }
@@ -192,7 +200,7 @@ static Step fetch_piece(Link &link, Download &download, TimePoint &heard) {
         heard = Clock::now();
     } else if (outcome != Outcome::silent || seconds_since(heard) > link.timeout) {
         clear_progress(download.progress);
-        return {report_silence(link, outcome), true};
+        return {report_silence(link, outcome), true, true};
     } else {
         ++download.clock.misses;
     }
@@ -223,8 +231,9 @@ static int finish(Download &download) {
 }
 
 int download_file(const Target &target, const DownloadOptions &options) {
-    if (options.remote.size() > longest_path) {
-        fail("the file's name is longer than the daemon takes");
+    if (options.remote.empty() || options.remote.size() > longest_path) {
+        fail(options.remote.empty() ? "the file on the board has no name"
+                                    : "the file's name is longer than the daemon takes");
         return exit_usage;
     }
     Link link;
@@ -236,7 +245,7 @@ int download_file(const Target &target, const DownloadOptions &options) {
     download.local = local_path(options);
     download.part = download.local + ".part";
     const int code = options.resume ? take_up_part(download) : exit_ok;
-    Step step{code, code != exit_ok};
+    Step step{code, code != exit_ok, false};
     for (TimePoint heard = Clock::now(); !step.is_over;) {
         step = fetch_piece(link, download, heard);
     }
@@ -244,7 +253,7 @@ int download_file(const Target &target, const DownloadOptions &options) {
     if (step.code == exit_ok) {
         return finish(download);
     }
-    if (download.output >= 0 && !is_before_data(download.transfer)) {
+    if (step.is_broken_off && download.output >= 0 && !is_before_data(download.transfer)) {
         fprintf(stderr, "What has come is in %s; --resume goes on from there.\n",
                 download.part.c_str());
     }

@@ -1,12 +1,13 @@
 #include "beaconctl/file_transfer.h"
 
+#include "beaconctl/command_text.h"
+
 #include "base/text.h"
 #include "net/relay_packet.h"
 #include "transfer/file_download.h"
 
 #include <algorithm>
 #include <cmath>
-#include <nlohmann/json.hpp>
 
 std::optional<FilePiece> parse_piece(const PacketView &packet) {
     if (packet.type != relay_type_file || packet.payload.size() < piece_data_at ||
@@ -19,9 +20,8 @@ std::optional<FilePiece> parse_piece(const PacketView &packet) {
 }
 
 std::string piece_request(const std::string &path, uint32_t offset) {
-    const nlohmann::ordered_json command = {
-        {"cmd", "file"}, {"param", "get"}, {"value", path}, {"value2", std::to_string(offset)}};
-    return command.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return command_text(
+        {{"cmd", "file"}, {"param", "get"}, {"value", path}, {"value2", std::to_string(offset)}});
 }
 
 static PieceVerdict take_probe(FileTransfer &transfer, const FilePiece &piece) {

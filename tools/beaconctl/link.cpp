@@ -1,6 +1,7 @@
 #include "beaconctl/link.h"
 
 #include "beaconctl/exit_codes.h"
+#include "beaconctl/status_record.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +16,7 @@
 constexpr size_t largest_datagram = 65536;
 constexpr double registration_interval = 2.0;
 constexpr double retry_interval = 0.5; // after nobody listened
+constexpr int most_clients = 10;       // of the daemon
 constexpr int receive_buffer = 8 << 20;
 // A signal may come just before the wait begins: it is looked for this often.
 constexpr int longest_wait_ms = 100;
@@ -35,6 +37,10 @@ void catch_stop_signals() {
 
 bool stop_requested() {
     return stop_signal != 0;
+}
+
+void forget_stop() {
+    stop_signal = 0;
 }
 
 TimePoint after(double seconds) {
@@ -107,8 +113,9 @@ void keep_registered(Link &link, Registration registration) {
 }
 
 void send_payload(const Link &link, std::string_view payload) {
-    if (payload.size() >= largest_client_payload) {
-        return; // the daemon would read it in part
+    if (payload.size() > largest_client_payload) {
+        fail("not sent: longer than what the daemon reads");
+        return;
     }
     const std::string datagram = client_datagram(payload);
     // What does not go out is asked for again, as what gets lost on the way is.
@@ -174,6 +181,24 @@ Received receive(Link &link, PacketView &packet, TimePoint deadline) {
     return Received::stopped;
 }
 
+void pass_over_packets(Link &link, TimePoint deadline) {
+    PacketView packet{};
+    while (receive(link, packet, deadline) == Received::packet) {
+    }
+}
+
+Received next_status(Link &link, StatusRecord &record, TimePoint deadline) {
+    PacketView packet{};
+    Received received = Received::packet;
+    while ((received = receive(link, packet, deadline)) == Received::packet) {
+        if (is_status(packet)) {
+            record = *parse_status(packet.payload);
+            break;
+        }
+    }
+    return received;
+}
+
 Outcome request(Link &link, std::string_view payload, double seconds, int tries,
                 const std::function<bool(const PacketView &)> &take) {
     for (int i = 0; i < tries; ++i) {
@@ -202,6 +227,18 @@ Outcome ask_board(Link &link, BoardInfo &info) {
         info = parsed.value_or(info);
         return parsed.has_value();
     });
+}
+
+int reach_board(Link &link, const Target &target, BoardInfo &info) {
+    return open_link(link, target) ? report_silence(link, ask_board(link, info)) : exit_silent;
+}
+
+bool report_full_house(const BoardInfo &info) {
+    if (info.client_count < most_clients) {
+        return false;
+    }
+    fail("the daemon has ten clients already, and takes no more");
+    return true;
 }
 
 int report_silence(const Link &link, Outcome outcome) {

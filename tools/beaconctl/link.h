@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+struct StatusRecord;
+
 // The way to the daemon: one UDP socket, and what all commands do with it. One thread.
 
 using Clock = std::chrono::steady_clock;
@@ -50,7 +52,7 @@ bool open_link(Link &link, const Target &target);
 // From now on receive() registers every few seconds, at first at once.
 void keep_registered(Link &link, Registration registration);
 
-// Sends nothing that is longer than what the daemon reads.
+// What is longer than what the daemon reads is not sent; a line on standard error says so.
 void send_payload(const Link &link, std::string_view payload);
 
 enum class Received {
@@ -64,6 +66,12 @@ enum class Received {
 // Waits for the next packet, until the deadline at most; what is no packet is passed over. The
 // packet is valid until the next call.
 Received receive(Link &link, PacketView &packet, TimePoint deadline);
+
+// Passes over what comes until the deadline, or until there is something else than a packet.
+void pass_over_packets(Link &link, TimePoint deadline);
+
+// Waits for the next status record; only clients that are registered get them.
+Received next_status(Link &link, StatusRecord &record, TimePoint deadline);
 
 enum class Outcome {
     answered,
@@ -80,6 +88,13 @@ Outcome request(Link &link, std::string_view payload, double seconds, int tries,
 // Asks who is there, over link.timeout.
 Outcome ask_board(Link &link, BoardInfo &info);
 
+// Opens the link and sees that the daemon is there. Returns an exit code; if it is not exit_ok, a
+// line on standard error has said why.
+int reach_board(Link &link, const Target &target, BoardInfo &info);
+
+// True: the daemon had no place for another client, and a line on standard error says so.
+bool report_full_house(const BoardInfo &info);
+
 // Says on standard error why there was no answer, and returns the exit code.
 int report_silence(const Link &link, Outcome outcome);
 
@@ -90,3 +105,4 @@ int fail(const std::string &what);
 // write().
 void catch_stop_signals();
 bool stop_requested();
+void forget_stop(); // stop_requested() is false until the next signal

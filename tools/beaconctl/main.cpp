@@ -1,16 +1,30 @@
 #include "beaconctl/command_line.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/link.h"
+#include "beaconctl/screen.h"
 
-#include <cstdio>
 #include <exception>
+#include <fcntl.h>
+#include <unistd.h>
+
+// A standard descriptor that is closed would become the next thing that is opened. In its place
+// comes one that fails as it would.
+static void occupy_standard_descriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            (void)!open("/dev/null", (fd == STDIN_FILENO ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
+        }
+    }
+}
 
 int main(int argc, char **argv) {
+    occupy_standard_descriptors();
     catch_stop_signals();
+    int code = exit_failed;
     try {
-        return run_command_line(argc, argv);
+        code = run_command_line(argc, argv);
     } catch (const std::exception &problem) {
-        fprintf(stderr, "beaconctl: %s\n", problem.what());
-        return exit_failed;
+        fail(problem.what());
     }
+    return finish_output(code);
 }

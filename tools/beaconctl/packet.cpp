@@ -32,13 +32,17 @@ std::string client_datagram(std::string_view payload) {
     return datagram.append(payload);
 }
 
+bool is_status_payload(std::span<const uint8_t> payload) {
+    return payload.size() == status_size && payload[0] == status_kind;
+}
+
 static bool is_data_of(const PacketView &packet, uint8_t kind, size_t size) {
     return packet.type == relay_type_data && packet.payload.size() == size &&
            packet.payload[0] == kind;
 }
 
 bool is_status(const PacketView &packet) {
-    return is_data_of(packet, status_kind, status_size);
+    return packet.type == relay_type_data && is_status_payload(packet.payload);
 }
 
 bool is_menu_notice(const PacketView &packet) {

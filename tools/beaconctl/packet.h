@@ -24,7 +24,7 @@ std::optional<PacketView> parse_packet(std::span<const uint8_t> datagram);
 // The datagram that carries a client's payload.
 std::string client_datagram(std::string_view payload);
 
-// The largest payload that the daemon reads whole. It takes a longer one in part, which ends it
+// The longest payload that the daemon reads whole. It takes a longer one in part, which ends it
 // when a command is cut by that.
 constexpr size_t largest_client_payload = 30000 - 12;
 
@@ -34,7 +34,9 @@ constexpr char ask_register = 2; // byte 1: 1 for data only
 constexpr char ask_remove = 3;
 constexpr char ask_gimbal = 5; // byte 1: 0, then three i16
 
-bool is_status(const PacketView &packet);      // the record that comes ten times a second
+// The status record, which comes ten times a second; status_record.h reads it.
+bool is_status_payload(std::span<const uint8_t> payload);
+bool is_status(const PacketView &packet);
 bool is_menu_notice(const PacketView &packet); // a stick moved the radio-control menu
 
 std::string_view payload_text(const PacketView &packet);

@@ -11,10 +11,10 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 constexpr double notice_delay = 3.0; // without a stream before that is said
-constexpr int most_clients = 10;
 
 enum class RecordEnd {
     none,
@@ -43,6 +43,28 @@ static bool is_h264(const Recording &recording) {
     return recording.type != relay_type_audio && recording.type != relay_type_data;
 }
 
+static int report_unwritable(const std::string &file) {
+    return fail("cannot write " + file + ": " + strerror(errno));
+}
+
+// Whether the file can be made or written anew. It stays as it is: nothing may come.
+static int check_writable(const std::string &file) {
+    struct stat status {};
+    if (file == "-") {
+        return exit_ok;
+    }
+    if (stat(file.c_str(), &status) == 0) {
+        errno = EISDIR;
+        const bool can_write = !S_ISDIR(status.st_mode) && access(file.c_str(), W_OK) == 0;
+        return can_write ? exit_ok : report_unwritable(file);
+    }
+    const size_t slash = file.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : file.substr(0, slash + 1);
+    const bool can_make =
+        errno == ENOENT && !file.empty() && access(folder.c_str(), W_OK | X_OK) == 0;
+    return can_make ? exit_ok : report_unwritable(file);
+}
+
 static bool open_output(Recording &recording) {
     if (recording.output >= 0) {
         return true;
@@ -53,7 +75,7 @@ static bool open_output(Recording &recording) {
                            : open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (recording.output < 0) {
         recording.end = RecordEnd::write_failed;
-        fail("cannot write " + file + ": " + strerror(errno));
+        report_unwritable(file);
     }
     return recording.output >= 0;
 }
@@ -64,7 +86,7 @@ static void note_write_error(Recording &recording) {
         return;
     }
     clear_progress(recording.progress);
-    fail("cannot write " + recording.options.file + ": " + strerror(errno));
+    report_unwritable(recording.options.file);
     recording.end = RecordEnd::write_failed;
 }
 
@@ -142,6 +164,9 @@ static std::string waiting_for(const Recording &recording) {
     if (recording.type == relay_type_video && recording.status && !recording.status->video) {
         return "no video: the camera's program sends none";
     }
+    if (recording.type == relay_type_internal_camera) {
+        return "no camera has come: is internal_camera_enabled set on the board?";
+    }
     return "no " + recording.options.type + " has come";
 }
 
@@ -208,13 +233,13 @@ int record_stream(const Target &target, const RecordOptions &options) {
         fail("standard output is a terminal: write to a file or a pipe");
         return exit_usage;
     }
-    Link link;
-    if (!open_link(link, target)) {
-        return exit_silent;
+    if (const int code = check_writable(options.file); code != exit_ok) {
+        return code;
     }
+    Link link;
     BoardInfo info{};
-    if (const Outcome outcome = ask_board(link, info); outcome != Outcome::answered) {
-        return report_silence(link, outcome);
+    if (const int code = reach_board(link, target, info); code != exit_ok) {
+        return code;
     }
     Recording recording;
     recording.options = options;
@@ -224,8 +249,8 @@ int record_stream(const Target &target, const RecordOptions &options) {
     // Everything, for any type: only who gets every packet can tell that one is missing.
     keep_registered(link, Registration::everything);
     record_on(link, recording, options.seconds > 0 ? after(options.seconds) : TimePoint::max());
-    if (!recording.count.started && info.client_count >= most_clients) {
-        return fail("the daemon has ten clients already, and takes no more");
+    if (!recording.count.started && report_full_house(info)) {
+        return exit_failed;
     }
     return finish(link, recording);
 }

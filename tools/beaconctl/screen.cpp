@@ -1,15 +1,20 @@
 #include "beaconctl/screen.h"
 
+#include "beaconctl/exit_codes.h"
 #include "beaconctl/text_table.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 constexpr double progress_interval = 0.2;
 constexpr const char *clear_to_line_end = "\x1b[K";
 constexpr const char *clear_below = "\x1b[J";
+
+static int output_error = 0; // why standard output takes no more
 
 bool is_terminal(int fd) {
     return isatty(fd) == 1;
@@ -30,11 +35,35 @@ static TerminalSize terminal_size(int fd) {
     return {size.ws_col - 1U, size.ws_row - 1U};
 }
 
-bool print_lines(const std::vector<std::string> &lines) {
-    for (const std::string &line : lines) {
-        puts(line.c_str());
+static bool flush_output() {
+    errno = 0;
+    const bool is_taken = fflush(stdout) == 0 && ferror(stdout) == 0;
+    if (!is_taken && output_error == 0) {
+        output_error = errno;
     }
-    return fflush(stdout) == 0;
+    return is_taken;
+}
+
+bool print_text(const std::string &text) {
+    fputs(text.c_str(), stdout);
+    return flush_output();
+}
+
+bool print_lines(const std::vector<std::string> &lines) {
+    std::string text;
+    for (const std::string &line : lines) {
+        text += line + "\n";
+    }
+    return print_text(text);
+}
+
+int finish_output(int code) {
+    if (flush_output() || output_error == EPIPE) {
+        return code;
+    }
+    fail("cannot write to standard output" +
+         (output_error == 0 ? "" : ": " + std::string(strerror(output_error))));
+    return code == exit_ok ? exit_failed : code;
 }
 
 bool print_table(const std::vector<std::pair<std::string, std::string>> &rows) {
@@ -56,8 +85,7 @@ bool rewrite_screen(Screen &screen, const std::vector<std::string> &lines) {
             clear_to_line_end + "\n";
     }
     text += clear_below;
-    fputs(text.c_str(), stdout);
-    return fflush(stdout) == 0;
+    return print_text(text);
 }
 
 bool progress_due(Progress &progress) {
@@ -79,6 +107,10 @@ void clear_progress(Progress &progress) {
         fprintf(stderr, "\r%s", clear_to_line_end);
         progress.is_shown = false;
     }
+}
+
+size_t progress_columns() {
+    return is_terminal(STDERR_FILENO) ? terminal_size(STDERR_FILENO).columns : 0;
 }
 
 std::string bytes_text(double bytes) {

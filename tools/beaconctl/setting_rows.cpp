@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <charconv>
 
 constexpr SettingType flag = SettingType::flag;
@@ -120,65 +121,48 @@ constexpr SettingField zerotier_fields[] = {
 constexpr SettingField network_fields[] = {{"network", nullptr, text}};
 
 constexpr SettingRow rows[] = {
-    {"ethernet", nullptr, "ethernet", ethernet_fields},
-    {"wlan", nullptr, "wifi", wlan_fields},
-    {"streaming", "udp", "streaming", udp_fields},
-    {"streaming", "rtmp", "streaming", rtmp_fields},
-    {"streaming", "rtsp", "streaming", rtsp_fields},
-    {"streaming", "srt", "streaming", srt_fields},
-    {"recording", nullptr, "recording", recording_fields},
-    {"rec", nullptr, "recording", rec_fields},
-    {"transcoding", nullptr, "video", transcoding_fields},
-    {"audio", nullptr, "video", audio_fields},
-    {"display", "enabled", "display", display_enabled},
-    {"display", "hflip", "display", display_hflip},
-    {"display", "vflip", "display", display_vflip},
-    {"display", "aspect_ratio", "display", display_aspect},
-    {"display", "smooth", "display", display_smooth},
-    {"display", "dualhdmi", "display", dual_hdmi},
-    {"tft_display", "enabled", "display", tft_enabled},
-    {"tft_display", "model", "display", tft_model},
-    {"osd", "enabled", "display", osd_enabled},
-    {"osd", "borders", "display", osd_borders},
-    {.param = "cvbs", .sub = "test", .section = nullptr, .fields = cvbs_fields, .optional = 1},
-    {.param = "cvbs",
-     .sub = "testandsave",
-     .section = nullptr,
-     .fields = cvbs_fields,
-     .optional = 1},
-    {.param = "hdmi", .sub = "test", .section = nullptr, .fields = hdmi_fields, .optional = 2},
-    {.param = "hdmi",
-     .sub = "testandsave",
-     .section = nullptr,
-     .fields = hdmi_fields,
-     .optional = 2},
-    {.param = "app_type",
-     .sub = nullptr,
-     .section = "info",
-     .fields = app_type_fields,
-     .ends_daemon = true},
-    {"internal_camera", nullptr, "camera", internal_camera_fields},
-    {"rc", nullptr, "rc", rc_fields},
-    {"gimbal", nullptr, "gimbal", gimbal_fields},
-    {"fs_rw", nullptr, "system", fs_rw_fields},
-    {"make_preview", nullptr, "system", preview_fields},
-    {"automovement", "params", "automovement", automovement_fields},
-    {"automovement", "move", nullptr, step_fields},
-    {"automovement", "movenext", nullptr, {}},
-    {"automovement", "moveprev", nullptr, {}},
-    {"automovement", "setstate", nullptr, state_fields},
-    {"zerotier", "params", "zerotier", zerotier_fields},
-    {.param = "zerotier",
-     .sub = "join",
-     .section = nullptr,
-     .fields = network_fields,
-     .first_value = 4},
-    {.param = "zerotier",
-     .sub = "leave",
-     .section = nullptr,
-     .fields = network_fields,
-     .first_value = 4},
-    {"zerotier", "clear", nullptr, {}},
+    {.param = "ethernet", .section = "ethernet", .fields = ethernet_fields},
+    {.param = "wlan", .section = "wifi", .fields = wlan_fields},
+    {.param = "streaming", .sub = "udp", .section = "streaming", .fields = udp_fields},
+    {.param = "streaming", .sub = "rtmp", .section = "streaming", .fields = rtmp_fields},
+    {.param = "streaming", .sub = "rtsp", .section = "streaming", .fields = rtsp_fields},
+    {.param = "streaming", .sub = "srt", .section = "streaming", .fields = srt_fields},
+    {.param = "recording", .section = "recording", .fields = recording_fields},
+    {.param = "rec", .section = "recording", .fields = rec_fields},
+    {.param = "transcoding", .section = "video", .fields = transcoding_fields},
+    {.param = "audio", .section = "video", .fields = audio_fields},
+    {.param = "display", .sub = "enabled", .section = "display", .fields = display_enabled},
+    {.param = "display", .sub = "hflip", .section = "display", .fields = display_hflip},
+    {.param = "display", .sub = "vflip", .section = "display", .fields = display_vflip},
+    {.param = "display", .sub = "aspect_ratio", .section = "display", .fields = display_aspect},
+    {.param = "display", .sub = "smooth", .section = "display", .fields = display_smooth},
+    {.param = "display", .sub = "dualhdmi", .section = "display", .fields = dual_hdmi},
+    {.param = "tft_display", .sub = "enabled", .section = "display", .fields = tft_enabled},
+    {.param = "tft_display", .sub = "model", .section = "display", .fields = tft_model},
+    {.param = "osd", .sub = "enabled", .section = "display", .fields = osd_enabled},
+    {.param = "osd", .sub = "borders", .section = "display", .fields = osd_borders},
+    {.param = "cvbs", .sub = "test", .fields = cvbs_fields, .optional = 1},
+    {.param = "cvbs", .sub = "testandsave", .fields = cvbs_fields, .optional = 1},
+    {.param = "hdmi", .sub = "test", .fields = hdmi_fields, .optional = 2},
+    {.param = "hdmi", .sub = "testandsave", .fields = hdmi_fields, .optional = 2},
+    {.param = "app_type", .section = "info", .fields = app_type_fields, .ends_daemon = true},
+    {.param = "internal_camera", .section = "camera", .fields = internal_camera_fields},
+    {.param = "rc", .section = "rc", .fields = rc_fields},
+    {.param = "gimbal", .section = "gimbal", .fields = gimbal_fields},
+    {.param = "fs_rw", .section = "system", .fields = fs_rw_fields},
+    {.param = "make_preview", .section = "system", .fields = preview_fields},
+    {.param = "automovement",
+     .sub = "params",
+     .section = "automovement",
+     .fields = automovement_fields},
+    {.param = "automovement", .sub = "move", .fields = step_fields},
+    {.param = "automovement", .sub = "movenext"},
+    {.param = "automovement", .sub = "moveprev"},
+    {.param = "automovement", .sub = "setstate", .fields = state_fields},
+    {.param = "zerotier", .sub = "params", .section = "zerotier", .fields = zerotier_fields},
+    {.param = "zerotier", .sub = "join", .fields = network_fields, .first_value = 4},
+    {.param = "zerotier", .sub = "leave", .fields = network_fields, .first_value = 4},
+    {.param = "zerotier", .sub = "clear"},
 };
 
 constexpr const char *sections[] = {"info",         "ethernet",  "wifi",  "camera", "display",
@@ -256,6 +240,30 @@ static bool accept_value(const SettingField &field, std::string &value) {
     return field.type == SettingType::text || is_number(value);
 }
 
+// Is the word meant as NAME=VALUE, whatever the name?
+static bool is_assignment(std::string_view word) {
+    const size_t equals = word.find('=');
+    return equals != std::string_view::npos && equals > 0 &&
+           std::all_of(word.begin(), word.begin() + static_cast<std::ptrdiff_t>(equals),
+                       [](unsigned char c) { return isalnum(c) != 0 || c == '_'; });
+}
+
+// "its names: stream_srt_enabled (srt_enabled), stream_srt_url (srt_url)".
+static std::string name_list(const SettingRow &row) {
+    std::string list;
+    for (const SettingField &field : row.fields) {
+        list += (list.empty() ? "its names: " : ", ") + std::string(field.key);
+        if (field.member != nullptr && std::string_view(field.member) != field.key) {
+            list += " (" + std::string(field.member) + ")";
+        }
+    }
+    return list.empty() ? "it takes no values" : list;
+}
+
+static std::string no_name_error(const SettingRow &row, const std::string &word) {
+    return "\"" + word + "\" is no NAME=VALUE of this param; " + name_list(row);
+}
+
 static std::string usage_error(const SettingRow &row, const std::string &what) {
     return what + "; usage: beaconctl set " + usage_line(row);
 }
@@ -265,7 +273,7 @@ static GivenValues read_named(const SettingRow &row, std::span<const std::string
     for (const std::string &word : words) {
         const auto [field, value] = named_value(row, word);
         if (field == row.fields.size()) {
-            given.error = usage_error(row, "\"" + word + "\" is no NAME=VALUE of this param");
+            given.error = no_name_error(row, word);
             return given;
         }
         given.values[field] = value;
@@ -276,7 +284,13 @@ static GivenValues read_named(const SettingRow &row, std::span<const std::string
 static GivenValues read_in_order(const SettingRow &row, std::span<const std::string> words) {
     GivenValues given{std::vector<std::optional<std::string>>(row.fields.size()), ""};
     const size_t most = row.fields.size();
-    if (words.size() > most || words.size() < most - row.optional) {
+    const bool is_count_wrong = words.size() > most || words.size() < most - row.optional;
+    const auto assignment = std::find_if(words.begin(), words.end(), is_assignment);
+    if (is_count_wrong && assignment != words.end()) {
+        given.error = no_name_error(row, *assignment);
+        return given;
+    }
+    if (is_count_wrong) {
         given.error = usage_error(row, std::to_string(words.size()) + " values given where " +
                                            std::to_string(most) + " are taken" +
                                            (most > 1 ? " (or NAME=VALUE for some)" : ""));
@@ -296,6 +310,10 @@ GivenValues read_values(const SettingRow &row, std::span<const std::string> word
         const std::string said = value.value_or("");
         if (value && !accept_value(row.fields[i], *value)) {
             const bool is_flag = row.fields[i].type == SettingType::flag;
+            if (!is_named && is_assignment(said)) {
+                given.error = no_name_error(row, said);
+                break;
+            }
             given.error = std::string(row.fields[i].key) + " takes " +
                           (is_flag ? "0 or 1" : "a number") + ", not \"" + said + "\"";
         }

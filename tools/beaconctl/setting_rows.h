@@ -24,9 +24,9 @@ struct SettingField {
 
 struct SettingRow {
     const char *param;
-    const char *sub;     // null: there are no sub-commands
-    const char *section; // whose answer tells the values; null: none does
-    std::span<const SettingField> fields;
+    const char *sub = nullptr;     // null: there are no sub-commands
+    const char *section = nullptr; // whose answer tells the values; null: none does
+    std::span<const SettingField> fields{};
     int first_value = 0; // the number of the first field's member; 0: 1, or 2 behind a sub-command
     size_t optional = 0; // how many fields at the end may be left out
     bool ends_daemon = false; // the daemon ends, and is started anew, with the new value

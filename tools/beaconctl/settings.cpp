@@ -1,18 +1,20 @@
 #include "beaconctl/setting_rows.h"
 
-#include "beaconctl/answers.h"
+#include "beaconctl/command_text.h"
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/screen.h"
+#include "beaconctl/section.h"
 #include "beaconctl/text_table.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 
-int list_sections() {
-    for (const char *name : section_names()) {
-        puts(name);
-    }
+int list_sections(bool as_json) {
+    const auto names = section_names();
+    print_lines(as_json ? std::vector{json_text(Json(names))}
+                        : std::vector<std::string>(names.begin(), names.end()));
     return exit_ok;
 }
 
@@ -26,20 +28,46 @@ int get_section(const Target &target, const std::string &section, bool as_json) 
         return code;
     }
     if (as_json) {
-        print_json(answer);
+        print_lines({json_text(answer)});
         return exit_ok;
     }
     std::vector<std::pair<std::string, std::string>> rows;
     for (const auto &[name, value] : answer.items()) {
         rows.emplace_back(name, value_text(value));
     }
-    return print_table(rows) ? exit_ok : exit_failed;
+    print_table(rows);
+    return exit_ok;
 }
 
-int list_params() {
-    for (const SettingRow &row : setting_rows()) {
-        puts(usage_line(row).c_str());
+static Json field_json(const SettingField &field, bool is_optional) {
+    const char *type = field.type == SettingType::flag     ? "flag"
+                       : field.type == SettingType::number ? "number"
+                                                           : "text";
+    return {{"name", field.key},
+            {"member", field.member == nullptr ? Json() : Json(field.member)},
+            {"type", type},
+            {"optional", is_optional}};
+}
+
+static Json row_json(const SettingRow &row) {
+    Json values = Json::array();
+    for (const SettingField &field : row.fields) {
+        values.push_back(field_json(field, values.size() >= row.fields.size() - row.optional));
     }
+    return {{"param", row.param},
+            {"sub", row.sub == nullptr ? Json() : Json(row.sub)},
+            {"section", row.section == nullptr ? Json() : Json(row.section)},
+            {"values", values}};
+}
+
+int list_params(bool as_json) {
+    std::vector<std::string> lines;
+    Json rows = Json::array();
+    for (const SettingRow &row : setting_rows()) {
+        lines.push_back(usage_line(row));
+        rows.push_back(row_json(row));
+    }
+    print_lines(as_json ? std::vector{json_text(rows)} : lines);
     return exit_ok;
 }
 
@@ -106,16 +134,15 @@ static int complete_values(const Target &target, const SettingRow &row, const Gi
 }
 
 static std::string update_text(const SettingRow &row, const std::vector<std::string> &values) {
-    Json command = {{"cmd", "updateconfig"}};
-    for (const auto &[name, value] : command_members(row, values)) {
-        command[name] = value;
-    }
-    return command_text(command);
+    TextMembers members = command_members(row, values);
+    members.insert(members.begin(), {"cmd", "updateconfig"});
+    return command_text(members);
 }
 
-// Reads the section back and says what has become of the values.
+// Reads the section back and says what has become of the values: those that were taken in a table,
+// or all as JSON.
 static int confirm_values(const Target &target, const SettingRow &row, const GivenValues &given,
-                          const std::vector<std::string> &values) {
+                          const std::vector<std::string> &values, bool as_json) {
     Json answer;
     // Over a new socket: an answer to the earlier question must not be taken for this one.
     if (const int code = ask_current(target, row, answer); code != exit_ok) {
@@ -123,45 +150,51 @@ static int confirm_values(const Target &target, const SettingRow &row, const Giv
         return code;
     }
     std::vector<std::pair<std::string, std::string>> confirmed;
+    Json told = Json::object();
     std::string differences;
     for (size_t i = 0; i < values.size(); ++i) {
         const SettingField &field = row.fields[i];
-        const std::string now = value_text(answer.value(field.member, Json("")));
-        if (!is_same_value(field, values[i], now)) {
+        const Json reported = answer.value(field.member, Json(""));
+        const std::string now = value_text(reported);
+        const bool is_taken = is_same_value(field, values[i], now);
+        if (given.values[i] || !is_taken) {
+            told[field.key] = reported;
+        }
+        if (!is_taken) {
             differences += std::string(differences.empty() ? "" : ", ") + field.key + " is \"" +
                            printable(now, false) + "\"";
         } else if (given.values[i]) {
             confirmed.emplace_back(field.key, now);
         }
     }
-    print_table(confirmed);
+    print_lines(as_json ? std::vector{json_text(told)} : table_lines(confirmed));
     return differences.empty() ? exit_ok : fail("not taken as given: " + differences);
 }
 
 // Nothing is answered to a command. Later requests are taken after it, so an answer to one tells
 // that the daemon is there and has got to it.
-static int send_update(const Target &target, const SettingRow &row, const std::string &command) {
+static int send_update(const Target &target, const std::string &command) {
     Link link;
     BoardInfo info{};
-    if (!open_link(link, target)) {
-        return exit_silent;
+    if (const int code = reach_board(link, target, info); code != exit_ok) {
+        return code;
     }
-    if (const Outcome outcome = ask_board(link, info); outcome != Outcome::answered) {
-        return report_silence(link, outcome);
-    }
-    if (command.size() >= largest_client_payload) {
+    if (command.size() > largest_client_payload) {
         return refuse_usage("the values are longer than the daemon reads");
     }
     send_payload(link, command);
-    if (row.ends_daemon) {
-        puts("Sent. The daemon stores it, ends and is started anew with it.");
-    } else if (row.section == nullptr) {
-        puts("Sent; the daemon does not say what becomes of it.");
-    }
     return exit_ok;
 }
 
-int set_values(const Target &target, const std::vector<std::string> &words) {
+// What was sent cannot be read back.
+static void report_sent(const SettingRow &row, bool as_json) {
+    const char *words = row.ends_daemon
+                            ? "Sent. The daemon stores it, ends and is started anew with it."
+                            : "Sent; the daemon does not say what becomes of it.";
+    print_lines({as_json ? "{}" : words});
+}
+
+int set_values(const Target &target, const std::vector<std::string> &words, bool as_json) {
     const auto [row, used] = find_setting_row(words);
     if (row == nullptr) {
         return report_unknown(words);
@@ -175,10 +208,12 @@ int set_values(const Target &target, const std::vector<std::string> &words) {
     if (const int code = complete_values(target, *row, given, values); code != exit_ok) {
         return code;
     }
-    if (const int code = send_update(target, *row, update_text(*row, values)); code != exit_ok) {
+    if (const int code = send_update(target, update_text(*row, values)); code != exit_ok) {
         return code;
     }
-    return row->section == nullptr || row->ends_daemon
-               ? exit_ok
-               : confirm_values(target, *row, given, values);
+    if (row->section == nullptr || row->ends_daemon) {
+        report_sent(*row, as_json);
+        return exit_ok;
+    }
+    return confirm_values(target, *row, given, values, as_json);
 }

@@ -1,19 +1,18 @@
 #include "beaconctl/status_record.h"
 
+#include "beaconctl/packet.h"
+
 #include "base/text.h"
 
 #include <array>
 #include <cstdio>
-
-constexpr size_t record_size = 41;
-constexpr uint8_t record_kind = 4;
 
 static bool bit(uint8_t flags, unsigned number) {
     return (flags >> number & 1U) != 0;
 }
 
 std::optional<StatusRecord> parse_status(std::span<const uint8_t> payload) {
-    if (payload.size() != record_size || payload[0] != record_kind) {
+    if (!is_status_payload(payload)) {
         return std::nullopt;
     }
     const uint8_t *at = payload.data();

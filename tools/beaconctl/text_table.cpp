@@ -21,6 +21,16 @@ std::string cut_text(std::string_view text, size_t columns) {
     return std::string(text.substr(0, at));
 }
 
+std::string progress_bar(double part, size_t columns) {
+    constexpr size_t least = 10;
+    if (columns < least) {
+        return "";
+    }
+    const size_t width = columns - 2;
+    const auto done = static_cast<size_t>(std::clamp(part, 0.0, 1.0) * static_cast<double>(width));
+    return "[" + std::string(done, '#') + std::string(width - done, ' ') + "]";
+}
+
 std::string printable(std::string_view text, bool keep_lines) {
     std::string out;
     for (size_t at = 0; at < text.size(); ++at) {

@@ -1,6 +1,7 @@
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/screen.h"
+#include "beaconctl/status_json.h"
 #include "beaconctl/status_record.h"
 #include "beaconctl/text_table.h"
 
@@ -10,7 +11,6 @@
 
 constexpr double silence_limit = 2.0; // records come ten times a second
 constexpr double redraw_interval = 0.25;
-constexpr int most_clients = 10;
 
 static std::string clock_time() {
     const time_t now = time(nullptr);
@@ -24,7 +24,7 @@ static std::string clock_time() {
 // What is known, and what of it was last shown.
 struct Watch {
     std::string title;
-    std::optional<StatusRecord> record;
+    StatusRecord record{};
     TimePoint heard{};
     TimePoint redraw_due{};
     Screen screen;
@@ -41,7 +41,7 @@ static bool show_screen(Watch &watch) {
     }
     watch.redraw_due = after(redraw_interval);
     const int silence = static_cast<int>(seconds_since(watch.heard));
-    std::vector<std::string> lines = table_lines(status_words(*watch.record));
+    std::vector<std::string> lines = table_lines(status_words(watch.record));
     lines.insert(lines.begin(),
                  watch.title + (is_silent(watch) ? ": silent for " + std::to_string(silence) + " s"
                                                  : ", " + clock_time()));
@@ -49,7 +49,7 @@ static bool show_screen(Watch &watch) {
 }
 
 static bool show_line(Watch &watch) {
-    const std::string line = is_silent(watch) ? "the daemon is silent" : status_line(*watch.record);
+    const std::string line = is_silent(watch) ? "the daemon is silent" : status_line(watch.record);
     if (line == watch.last_line) {
         return true;
     }
@@ -58,22 +58,15 @@ static bool show_line(Watch &watch) {
 }
 
 static Received next_record(Link &link, Watch &watch, TimePoint deadline) {
-    PacketView packet{};
-    Received received = Received::packet;
-    while ((received = receive(link, packet, deadline)) == Received::packet) {
-        if (const auto record = parse_status(packet.payload); record && is_status(packet)) {
-            watch.record = record;
-            watch.heard = Clock::now();
-            return received;
-        }
-    }
+    const Received received = next_status(link, watch.record, deadline);
+    watch.heard = received == Received::packet ? Clock::now() : watch.heard;
     return received;
 }
 
 // The daemon knows us, but sends nothing.
 static int report_no_record(const Link &link, const BoardInfo &info) {
-    if (info.client_count >= most_clients) {
-        return fail("the daemon has ten clients already, and takes no more");
+    if (report_full_house(info)) {
+        return exit_failed;
     }
     fail("the daemon at " + link.name + " answers, but sends no status");
     return exit_silent;
@@ -91,25 +84,31 @@ static int watch_on(Link &link, Watch &watch) {
     return exit_ok;
 }
 
-int watch_status(const Target &target, bool is_once) {
-    Link link;
-    if (!open_link(link, target)) {
-        return exit_silent;
+static void show_once(const Watch &watch, bool as_json) {
+    if (as_json) {
+        print_lines({status_json(watch.record)});
+    } else {
+        print_lines({watch.title});
+        print_table(status_words(watch.record));
     }
+}
+
+int watch_status(const Target &target, bool is_once, bool as_json) {
+    Link link;
     BoardInfo info{};
-    if (const Outcome outcome = ask_board(link, info); outcome != Outcome::answered) {
-        return report_silence(link, outcome);
+    if (const int code = reach_board(link, target, info); code != exit_ok) {
+        return code;
     }
     Watch watch;
     watch.title = link.name + (info.name.empty() ? "" : " \"" + printable(info.name, false) + "\"");
     keep_registered(link, Registration::data_only);
     const Received received = next_record(link, watch, after(link.timeout));
-    if (!watch.record) {
+    if (received != Received::packet) {
         return received == Received::stopped ? exit_ok : report_no_record(link, info);
     }
-    if (is_once) {
-        print_lines({watch.title});
-        return print_table(status_words(*watch.record)) ? exit_ok : exit_failed;
+    if (is_once || as_json) {
+        show_once(watch, as_json);
+        return exit_ok;
     }
     return watch_on(link, watch);
 }
