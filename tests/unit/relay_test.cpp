@@ -28,7 +28,7 @@ public:
     explicit RelayClient(bool data_only = false) : socket_(socket(AF_INET, SOCK_DGRAM, 0)) {
         sockaddr_in address = socket_address(ipv4_port("127.0.0.1", 0));
         socklen_t length = sizeof address;
-        bind(socket_, reinterpret_cast<const sockaddr *>(&address), length);
+        EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr *>(&address), length), 0);
         getsockname(socket_, reinterpret_cast<sockaddr *>(&address), &length);
         place_ = from_socket_address(address);
         register_client(relay_clients(), place_, data_only, now_ms());
@@ -82,15 +82,15 @@ class Relay : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         ASSERT_EQ(relay_init(), 0);
-        ASSERT_EQ(udp_endpoint_open(endpoint_, 0, end_at_once), 0);
+        ASSERT_EQ(udp_endpoint_open(endpoint, 0, end_at_once), 0);
     }
     Relay() {
-        relay_open(endpoint_);
+        relay_open(endpoint);
     }
-    static UdpEndpoint endpoint_;
+    static UdpEndpoint endpoint;
 };
 
-UdpEndpoint Relay::endpoint_;
+UdpEndpoint Relay::endpoint;
 
 static std::string frame(size_t length) {
     std::string bytes;

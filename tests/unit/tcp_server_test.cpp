@@ -43,13 +43,13 @@ static const uint8_t *bytes(const std::string &text) {
 class TcpServer : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        if (thread_ != 0) {
+        if (server_thread != 0) {
             return; // the tests are repeated; a server is started once
         }
         ASSERT_EQ(init_tcp_server(0), 0);
         ASSERT_TRUE(wait_for([] { return thread_named("tcp-accept") != 0; }));
-        thread_ = thread_named("tcp-accept");
-        port_ = ntohs(name_of(listener(), getsockname).sin_port);
+        server_thread = thread_named("tcp-accept");
+        server_port = ntohs(name_of(listener(), getsockname).sin_port);
     }
 
     TcpServer() : client_(socket(AF_INET, SOCK_STREAM, 0)) {}
@@ -57,11 +57,11 @@ protected:
         close(client_);
         // The server's last words must not fall into the next test.
         wait_for([&] { return accepted_ < 0 || name_of(accepted_, getpeername).sin_port == 0; });
-        wait_for([] { return is_asleep(thread_); });
+        wait_for([] { return is_asleep(server_thread); });
     }
 
     void connect_client() {
-        const sockaddr_in address = socket_address(ipv4_port("127.0.0.1", port_));
+        const sockaddr_in address = socket_address(ipv4_port("127.0.0.1", server_port));
         ASSERT_EQ(connect(client_, reinterpret_cast<const sockaddr *>(&address), sizeof address),
                   0);
         ASSERT_TRUE(wait_for(tcp_client_connected));
@@ -83,18 +83,18 @@ protected:
         return {text, static_cast<size_t>(std::max<ssize_t>(length, 0))};
     }
 
-    static int thread_;
-    static uint16_t port_;
+    static int server_thread;
+    static uint16_t server_port;
     int client_;
     int accepted_ = -1; // the server's end
 };
 
-int TcpServer::thread_;
-uint16_t TcpServer::port_;
+int TcpServer::server_thread;
+uint16_t TcpServer::server_port;
 
 TEST_F(TcpServer, AcceptsWhenSignalsInterrupt) {
     for (int i = 0; i < 10; ++i) {
-        ASSERT_TRUE(interrupt(thread_));
+        ASSERT_TRUE(interrupt(server_thread));
     }
     connect_client();
     tcp_send_block(bytes("block"), 5);
@@ -104,10 +104,10 @@ TEST_F(TcpServer, AcceptsWhenSignalsInterrupt) {
 TEST_F(TcpServer, KeepsItsClientWhenSignalsInterrupt) {
     connect_client();
     for (int i = 0; i < 10; ++i) {
-        ASSERT_TRUE(interrupt(thread_));
+        ASSERT_TRUE(interrupt(server_thread));
     }
     // The thread sleeps again: it has seen the last one.
-    ASSERT_TRUE(wait_for([] { return is_asleep(thread_); }));
+    ASSERT_TRUE(wait_for([] { return is_asleep(server_thread); }));
     EXPECT_TRUE(tcp_client_connected());
     tcp_send_block(bytes("block"), 5);
     EXPECT_EQ(receive(), "block");
@@ -122,7 +122,7 @@ class Viewer {
 public:
     Viewer() : socket_(socket(AF_INET, SOCK_DGRAM, 0)) {
         const sockaddr_in any = socket_address(ipv4_port("127.0.0.1", 0));
-        bind(socket_, reinterpret_cast<const sockaddr *>(&any), sizeof any);
+        EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr *>(&any), sizeof any), 0);
         place_ = from_socket_address(name_of(socket_, getsockname));
         register_client(relay_clients(), place_, false, now_ms());
     }
