@@ -59,6 +59,7 @@ static int ask_scan(Link &link, const std::string &interface, std::vector<std::s
 
 static void print_names(const std::vector<std::string> &names) {
     std::vector<std::string> lines;
+    lines.reserve(names.size());
     for (const std::string &name : names) {
         lines.push_back(name.empty() ? "(hidden)" : printable(name, false));
     }
