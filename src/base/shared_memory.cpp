@@ -69,7 +69,8 @@ static bool make_whole(const GuardedMapping &guard, const uint8_t *at) {
     // page fails once.
     int result = -1;
     do {
-        result = fallocate(fd, 0, at - guard.address.load(std::memory_order_relaxed), 1);
+        result = fallocate(fd, FALLOC_FL_KEEP_SIZE,
+                           at - guard.address.load(std::memory_order_relaxed), 1);
     } while (result != 0 && errno == EINTR);
     return result == 0 || errno == EOPNOTSUPP;
 }

@@ -2,8 +2,8 @@
 #include "media/data_source.h"
 
 #include "base/ipv4.h"
-#include "base/pause.h"
 
+#include "thread_watch.h"
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/socket.h>
@@ -56,14 +56,10 @@ TEST(DataSource, CommandsAreCutTo1023Characters) {
     connect(source, reinterpret_cast<const sockaddr *>(&server), sizeof server);
     const std::string value(2000, 'v');
     const std::string whole = R"(!{"cmd":"zoom","name":"n","param":"p","value":")" + value;
-    std::string command;
-    for (int attempt = 0; attempt < 30 && command.empty(); ++attempt) {
-        send(source, "x", 1, 0); // it has to be heard every two seconds
-        if (data_source_present()) {
-            send_data_source_command("zoom", "n", "p", value.c_str(), "2", "3");
-        }
-        command = next_command(source);
-    }
+    send(source, "x", 1, 0);
+    ASSERT_TRUE(wait_for([] { return data_source_present(); }));
+    send_data_source_command("zoom", "n", "p", value.c_str(), "2", "3");
+    const std::string command = next_command(source);
     close(source);
     EXPECT_EQ(command, whole.substr(0, 1023));
 }
