@@ -1,7 +1,9 @@
 """beaconctl's recordings and downloads, byte for byte, over good and bad links."""
 
+import os
 import random
 import signal
+import stat
 
 import pytest
 
@@ -190,6 +192,27 @@ def test_a_missing_file_leaves_nothing_behind(board, ctl, daemon):
     done = ctl("download", "/media/a", "/nowhere/a")
     assert (done.returncode, done.stderr) == (
         1, "beaconctl: /nowhere/a.part: No such file or directory\n")
+
+
+@pytest.mark.parametrize("kind", ["device", "link to it", "fifo", "folder"])
+def test_what_is_no_file_is_not_replaced(board, ctl, daemon, kind):
+    board.write("/media/a", "x")
+    there = board.path("/tmp/here")
+    if kind == "device":
+        os.mknod(there, 0o600 | stat.S_IFCHR, os.makedev(1, 3))
+    elif kind == "link to it":
+        there.symlink_to("/dev/null")
+    elif kind == "fifo":
+        os.mkfifo(there)
+    else:
+        board.path("/tmp/here/a").mkdir(parents=True)
+    name = "/tmp/here/a" if kind == "folder" else "/tmp/here"
+    mode = board.path(name).lstat().st_mode
+    done = ctl("download", "/media/a", "/tmp/here")
+    assert (done.returncode, done.stderr) == (
+        1, f"beaconctl: {name} is there already, and is no file\n")
+    assert board.path(name).lstat().st_mode == mode
+    assert not list(there.parent.rglob("*.part"))
 
 
 def test_a_link_that_loses_every_tenth_piece(board, ctl, daemon, bad_link):  # noqa: F811

@@ -43,6 +43,12 @@ static std::string local_path(const DownloadOptions &options) {
     return options.local + "/" + options.remote.substr(options.remote.rfind('/') + 1);
 }
 
+// Could the download take the place of what has that name already? A device must stay one.
+static bool is_replaceable(const std::string &path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+}
+
 // Takes up what an earlier attempt has left.
 static int take_up_part(Download &download) {
     const int fd = open(download.part.c_str(), O_RDWR | O_CLOEXEC);
@@ -236,13 +242,16 @@ int download_file(const Target &target, const DownloadOptions &options) {
                                     : "the file's name is longer than the daemon takes");
         return exit_usage;
     }
+    Download download;
+    download.remote = options.remote;
+    download.local = local_path(options);
+    if (!is_replaceable(download.local)) {
+        return fail(download.local + " is there already, and is no file");
+    }
     Link link;
     if (!open_link(link, target)) {
         return exit_silent;
     }
-    Download download;
-    download.remote = options.remote;
-    download.local = local_path(options);
     download.part = download.local + ".part";
     const int code = options.resume ? take_up_part(download) : exit_ok;
     Step step{code, code != exit_ok, false};
