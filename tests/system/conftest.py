@@ -74,6 +74,14 @@ def daemon(start):
     return start()
 
 
+def thread_of(daemon, name):
+    """The /proc folder of the daemon's thread of that name; each takes its name when it begins."""
+    tasks = Path(f"/proc/{daemon.pid}/task")
+    return wait_until(lambda: next((task for task in tasks.iterdir()
+                                    if (task / "comm").read_text() == name + "\n"), None),
+                      f"the thread {name}")
+
+
 def is_status(packet):
     """Is a (type, sequence, payload) one of the status records that come ten times a second?"""
     return packet[0] == 0 and len(packet[2]) == 41 and packet[2][0] == 4

@@ -4,11 +4,10 @@ import ctypes
 import os
 import platform
 import time
-from pathlib import Path
 
 import pytest
 
-from conftest import Client, is_status, wait_until
+from conftest import Client, is_status, thread_of, wait_until
 from test_file_download import (FILE, FINISHED, PIECE, ask, content, get, next_piece, piece_line,
                                 request_line, said)
 
@@ -21,13 +20,6 @@ def daemon(start):
 @pytest.fixture
 def client(make_client):
     return make_client("127.0.0.2")
-
-
-def thread_of(daemon, name):
-    for task in Path(f"/proc/{daemon.pid}/task").iterdir():
-        if (task / "comm").read_text() == name + "\n":
-            return task
-    raise AssertionError(f"no thread {name}")
 
 
 def turns(daemon):

@@ -11,7 +11,7 @@ from pathlib import Path
 import pytest
 
 from commands import Console
-from conftest import wait_until
+from conftest import thread_of, wait_until
 from test_protocol_doc import PROGRAMS
 from test_tcp import connect, reset, wait_served  # noqa: F401
 
@@ -55,8 +55,7 @@ def ring_lines(daemon, name=MAIN):
 
 def wait_reader_passes(daemon, count=5):
     """Waits until the idle frame reader has slept that often, once in each pass."""
-    tasks = Path(f"/proc/{daemon.pid}/task")
-    reader = next(t for t in tasks.iterdir() if (t / "comm").read_text() == "frame-reader\n")
+    reader = thread_of(daemon, "frame-reader")
 
     def sleeps():
         status = (reader / "status").read_text()
