@@ -128,8 +128,10 @@ class Console:
         """Sends an update and waits for it; self.errors is what follows its own log line."""
         text = update_text(param, *values, **members)
         self.send_text(text)
-        assert self.errors[:1] == [f"config_update: {text.decode()}"]
-        del self.errors[0]
+        # Other threads may have said something before.
+        own = f"config_update: {text.decode()}"
+        assert own in self.errors
+        del self.errors[:self.errors.index(own) + 1]
 
     def boot_file(self):
         return self.board.path(BOOT_FILE).read_bytes()

@@ -191,8 +191,10 @@ UNKNOWN = ["", "Ethernet", "ethernet ", "ethernet2", "ether", "record", "recordi
 
 @pytest.mark.parametrize("param", UNKNOWN)
 def test_an_unknown_param_is_only_logged(board, console, param):
-    console.update(param, "1", "1", "1")
-    assert console.commands == [] and console.tools == [] and console.errors == []
+    text = update_text(param, "1", "1", "1")
+    console.send_text(text)
+    assert console.errors == [f"config_update: {text.decode()}"]
+    assert console.commands == [] and console.tools == []
     assert not board.path(BOOT_FILE).exists()
 
 
