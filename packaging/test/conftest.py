@@ -80,7 +80,7 @@ def plain(machines):
             ("etc/dpkg/dpkg.cfg.d/quick", "force-unsafe-io\n")):
         (layer / inside).parent.mkdir(parents=True, exist_ok=True)
         (layer / inside).write_text(text)
-    return layer, PLACE / "root"
+    return layer, PLACE / "debian-root"
 
 
 @pytest.fixture(scope="session")
