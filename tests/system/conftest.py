@@ -15,7 +15,7 @@ import pytest
 signal.signal(signal.SIGINT, signal.default_int_handler)
 
 REPOSITORY = Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(REPOSITORY / "board"))
+sys.path.insert(0, str(REPOSITORY / "sandbox"))
 
 from board import Board, Daemon, wait_until  # noqa: E402
 

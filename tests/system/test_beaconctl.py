@@ -418,7 +418,7 @@ def completions(line):
     """
     file = REPOSITORY / "tools/beaconctl/beaconctl.bash"
     found = subprocess.run(["/bin/bash", "-c", script, "bash", str(file), *line], check=True,
-                           stdout=subprocess.PIPE, text=True, cwd=REPOSITORY / "board").stdout
+                           stdout=subprocess.PIPE, text=True, cwd=REPOSITORY / "sandbox").stdout
     return found.split()
 
 

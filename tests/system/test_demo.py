@@ -15,7 +15,7 @@ import pytest
 
 from conftest import BINARY, REPOSITORY, Producer, wait_until
 
-sys.path.insert(0, str(REPOSITORY / "sim"))
+sys.path.insert(0, str(REPOSITORY / "demo"))
 
 from checks import (CheckFailed, FrameTimes, check_whole, compare,  # noqa: E402
                     decode, png_size, save_picture)
@@ -23,7 +23,7 @@ from client import Client, VideoFile  # noqa: E402
 
 
 def demo_command(output, *options):
-    return ["/usr/bin/python3", "-B", str(REPOSITORY / "sim/demo.py"), "--binary", str(BINARY),
+    return ["/usr/bin/python3", "-B", str(REPOSITORY / "demo/demo.py"), "--binary", str(BINARY),
             "--output", str(output), *options]
 
 

@@ -1,5 +1,5 @@
 // beaconctl's table of what can be set, and how the words of a command line become a command.
-#include "beaconctl/setting_rows.h"
+#include "client/setting_rows.h"
 
 #include <fstream>
 #include <gtest/gtest.h>

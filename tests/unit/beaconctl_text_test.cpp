@@ -1,8 +1,8 @@
 // beaconctl's texts: the mending of answers, tables, and the check of commands.
-#include "beaconctl/command_check.h"
-#include "beaconctl/mend.h"
-#include "beaconctl/packet.h"
 #include "beaconctl/text_table.h"
+#include "client/command_check.h"
+#include "client/mend.h"
+#include "client/packet.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "beacon_sim/encoder.h"
 
-#include "beacon_sim/audio_format.h"
-#include "beacon_sim/complain.h"
+#include "source/audio_format.h"
+#include "source/complain.h"
 
 #include <algorithm>
 #include <cerrno>

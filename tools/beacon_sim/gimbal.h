@@ -1,6 +1,6 @@
 #pragma once
 
-#include "beacon_sim/source_command.h"
+#include "source/source_command.h"
 
 #include <cstdint>
 

@@ -1,9 +1,9 @@
 #pragma once
 
 #include "beacon_sim/gimbal.h"
-#include "beacon_sim/monotonic.h"
 #include "beacon_sim/stick_keys.h"
 #include "beacon_sim/stick_script.h"
+#include "source/clocks.h"
 
 #include <cstdint>
 

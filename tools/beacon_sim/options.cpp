@@ -1,6 +1,6 @@
 #include "beacon_sim/options.h"
 
-#include "beacon_sim/complain.h"
+#include "source/complain.h"
 
 #include <CLI/CLI.hpp>
 #include <charconv>

@@ -1,11 +1,11 @@
 #include "beacon_sim/prepare.h"
 
 #include "automove/camera_state_layout.h"
-#include "beacon_sim/complain.h"
-#include "beacon_sim/shared_object.h"
-#include "beacon_sim/signals.h"
 #include "media/frame_ring_layout.h"
 #include "rc/rc_block_layout.h"
+#include "source/complain.h"
+#include "source/shared_object.h"
+#include "source/signals.h"
 
 #include <cerrno>
 #include <cstring>

@@ -1,7 +1,7 @@
 #include "beacon_sim/record.h"
 
 #include "base/text.h"
-#include "beacon_sim/complain.h"
+#include "source/complain.h"
 
 #include <cerrno>
 #include <cinttypes>

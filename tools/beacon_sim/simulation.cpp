@@ -1,9 +1,9 @@
 #include "beacon_sim/simulation.h"
 
-#include "beacon_sim/complain.h"
 #include "beacon_sim/prepare.h"
-#include "beacon_sim/signals.h"
 #include "beacon_sim/terminal.h"
+#include "source/complain.h"
+#include "source/signals.h"
 
 #include <algorithm>
 #include <cinttypes>

@@ -1,9 +1,9 @@
 #pragma once
 
-#include "beacon_sim/audio_format.h"
 #include "beacon_sim/gimbal.h"
-#include "beacon_sim/monotonic.h"
-#include "beacon_sim/udp_link.h"
+#include "source/audio_format.h"
+#include "source/clocks.h"
+#include "source/udp_link.h"
 
 #include <cstdint>
 #include <vector>

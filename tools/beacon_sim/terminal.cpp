@@ -1,6 +1,6 @@
 #include "beacon_sim/terminal.h"
 
-#include "beacon_sim/complain.h"
+#include "source/complain.h"
 
 #include <cstdlib>
 #include <termios.h>

@@ -1,6 +1,6 @@
 #include "beacon_sim/video_feed.h"
 
-#include "beacon_sim/complain.h"
+#include "source/complain.h"
 
 #include <cerrno>
 #include <unistd.h>

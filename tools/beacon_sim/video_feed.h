@@ -2,7 +2,7 @@
 
 #include "beacon_sim/access_units.h"
 #include "beacon_sim/record.h"
-#include "beacon_sim/ring_writer.h"
+#include "source/ring_writer.h"
 
 #include <cstdint>
 #include <deque>

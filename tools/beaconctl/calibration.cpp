@@ -1,8 +1,8 @@
-#include "beaconctl/command_text.h"
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/receivers.h"
 #include "beaconctl/screen.h"
+#include "client/command_text.h"
 
 #include <poll.h>
 #include <unistd.h>

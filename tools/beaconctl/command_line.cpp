@@ -3,7 +3,7 @@
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/screen.h"
-#include "beaconctl/setting_rows.h"
+#include "client/setting_rows.h"
 
 #include <CLI/CLI.hpp>
 #include <cctype>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "beaconctl/link.h"
+#include "client/link.h"
 
 #include <string>
 #include <vector>

@@ -1,9 +1,9 @@
-#include "beaconctl/command_check.h"
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/screen.h"
-#include "beaconctl/status_record.h"
 #include "beaconctl/text_table.h"
+#include "client/command_check.h"
+#include "client/status_record.h"
 
 #include "net/relay_packet.h"
 

@@ -1,8 +1,8 @@
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
-#include "beaconctl/file_transfer.h"
 #include "beaconctl/screen.h"
 #include "beaconctl/text_table.h"
+#include "client/file_transfer.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 #include "beaconctl/command_line.h"
 #include "beaconctl/exit_codes.h"
-#include "beaconctl/link.h"
 #include "beaconctl/screen.h"
+#include "client/link.h"
 
 #include <exception>
 #include <fcntl.h>

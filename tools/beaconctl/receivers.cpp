@@ -1,7 +1,7 @@
 #include "beaconctl/receivers.h"
 
-#include "beaconctl/answers.h"
-#include "beaconctl/command_text.h"
+#include "client/answers.h"
+#include "client/command_text.h"
 
 Outcome request_channels(Link &link, double seconds, ReceiverAnswers &receivers) {
     std::array<bool, 2> has_come{};

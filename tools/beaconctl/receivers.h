@@ -1,7 +1,7 @@
 #pragma once
 
-#include "beaconctl/link.h"
-#include "beaconctl/rc_channels.h"
+#include "client/link.h"
+#include "client/rc_channels.h"
 
 // Asks for both receivers' channels, for so many seconds at most.
 Outcome request_channels(Link &link, double seconds, ReceiverAnswers &receivers);

@@ -1,8 +1,8 @@
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/screen.h"
-#include "beaconctl/status_record.h"
-#include "beaconctl/stream_start.h"
+#include "client/status_record.h"
+#include "client/stream_start.h"
 
 #include "net/relay_packet.h"
 

@@ -1,7 +1,7 @@
-#include "beaconctl/command_text.h"
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/screen.h"
+#include "client/command_text.h"
 
 #include <cstdio>
 #include <unistd.h>

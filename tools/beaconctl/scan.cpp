@@ -1,10 +1,10 @@
-#include "beaconctl/command_text.h"
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
-#include "beaconctl/mend.h"
 #include "beaconctl/screen.h"
-#include "beaconctl/section.h"
 #include "beaconctl/text_table.h"
+#include "client/command_text.h"
+#include "client/mend.h"
+#include "client/section.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,11 +1,11 @@
-#include "beaconctl/setting_rows.h"
+#include "client/setting_rows.h"
 
-#include "beaconctl/command_text.h"
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/screen.h"
-#include "beaconctl/section.h"
 #include "beaconctl/text_table.h"
+#include "client/command_text.h"
+#include "client/section.h"
 
 #include <algorithm>
 #include <cstdio>

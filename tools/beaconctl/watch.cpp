@@ -1,9 +1,9 @@
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/screen.h"
-#include "beaconctl/status_json.h"
-#include "beaconctl/status_record.h"
 #include "beaconctl/text_table.h"
+#include "client/status_json.h"
+#include "client/status_record.h"
 
 #include <cstdio>
 #include <ctime>
