@@ -20,7 +20,7 @@ constexpr useconds_t ring_poll_us = 2000;
 constexpr int most_destinations = most_clients + 1;
 
 static Pacing pacing;
-static int clients;                                 // how many there are
+static int clients;                                 // number of clients
 static sockaddr_in destinations[most_destinations]; // the clients, then the display process
 static int data_socket;
 static int send_socket;

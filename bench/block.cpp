@@ -2,17 +2,10 @@
 
 #include <array>
 #include <cstring>
-#include <ctime>
 
 constexpr size_t noise_shifts = 4096;
 constexpr size_t noise_size = largest_block + noise_shifts;
 constexpr size_t handed_at = offsetof(BlockHeader, handed_ns);
-
-int64_t monotonic_ns() {
-    timespec time{};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<int64_t>(time.tv_sec) * 1000000000 + time.tv_nsec;
-}
 
 static std::array<uint8_t, noise_size> make_noise() {
     std::array<uint8_t, noise_size> noise{};
@@ -26,7 +19,7 @@ static std::array<uint8_t, noise_size> make_noise() {
     return noise;
 }
 
-// The noise of a block: a stretch of the one table, chosen by what the block is.
+// The noise of a block: a section of one table, selected by the block's header.
 static const uint8_t *block_noise(const BlockHeader &header) {
     static const std::array<uint8_t, noise_size> noise = make_noise();
     const uint32_t mix = header.item * 2654435761U + header.index * 40503U + header.size * 97U;

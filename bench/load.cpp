@@ -1,16 +1,18 @@
 #include "load.h"
 
+#include "arrivals.h"
 #include "net/relay_packet.h"
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <vector>
 
 constexpr int64_t drain_limit_ns = 500'000'000;
 constexpr int64_t burst_limit_ns = 2'000'000'000;
 constexpr int64_t start_delay_ns = 2'000'000;
 
-// A measurement under way.
+// A measurement in progress.
 struct Tally {
     uint16_t run;
     uint32_t blocks;                // of each item
@@ -43,34 +45,33 @@ static Tally make_tally(const Wire &wire, const Load &load, size_t items) {
     return tally;
 }
 
-static void hand_over_datagram(const Wire &wire, const Tally &tally, const Load &load,
-                               uint32_t item) {
+static void hand_over_datagram(Wire &wire, const Tally &tally, const Load &load, uint32_t item) {
     static uint8_t block[largest_block];
     fill_block(block, {block_marker, tally.run, item, 0, load.size, 0});
     stamp_block(block, monotonic_ns());
     send_to_subject(wire, block, load.size);
 }
 
-static void hand_over_frame(Wire &wire, const Tally &tally, const Load &load, uint32_t item) {
+void hand_over_frame(Wire &wire, uint16_t run, uint32_t item, uint32_t size) {
     uint8_t *frame = next_frame(wire);
     if (frame == nullptr) {
-        return; // the ring is full: the frame is lost
+        return;
     }
-    for (uint32_t i = 0; i < tally.blocks; ++i) {
-        const uint32_t offset = i * relay_video_block_size;
-        const uint32_t size = std::min<uint32_t>(load.size - offset, relay_video_block_size);
-        fill_block(frame + offset, {block_marker, tally.run, item, i, size, 0});
+    for (uint32_t offset = 0; offset < size; offset += relay_video_block_size) {
+        const uint32_t block = std::min<uint32_t>(size - offset, relay_video_block_size);
+        fill_block(frame + offset,
+                   {block_marker, run, item, offset / relay_video_block_size, block, 0});
     }
     const int64_t now = monotonic_ns();
-    for (uint32_t i = 0; i < tally.blocks; ++i) {
-        stamp_block(frame + static_cast<size_t>(i) * relay_video_block_size, now);
+    for (uint32_t offset = 0; offset < size; offset += relay_video_block_size) {
+        stamp_block(frame + offset, now);
     }
-    publish_frame(wire, load.size);
+    publish_frame(wire, size);
 }
 
 static void hand_over(Wire &wire, const Tally &tally, const Load &load, uint32_t item) {
     if (load.kind == LoadKind::video) {
-        hand_over_frame(wire, tally, load, item);
+        hand_over_frame(wire, tally.run, item, load.size);
     } else {
         hand_over_datagram(wire, tally, load, item);
     }
@@ -85,7 +86,7 @@ static void take_block(const Arrival &arrival, void *context) {
     auto &[tally, wire] = *static_cast<TakeContext *>(context);
     const BlockHeader &header = arrival.header;
     if (header.run != tally.run) {
-        return; // late, from the measurement before, or not from the bench
+        return; // late, from the previous measurement, or not from the benchmark
     }
     tally.last_arrival_ns = arrival.arrived_ns;
     const auto place = static_cast<size_t>(&arrival.destination - wire.destinations.data());
@@ -114,7 +115,7 @@ static uint64_t expected_datagrams(const Tally &tally) {
     return static_cast<uint64_t>(tally.missing.size()) * tally.blocks * tally.destinations;
 }
 
-// Takes what is under way until all is there or the time is over.
+// Receives what is still on its way until everything has arrived or the time is over.
 static void drain_rest(Tally &tally, Wire &wire, const Load &load, int64_t limit_ns) {
     const int64_t end = monotonic_ns() + limit_ns;
     while (tally.latencies_ms.size() + tally.spoiled < expected_datagrams(tally) &&
@@ -123,8 +124,8 @@ static void drain_rest(Tally &tally, Wire &wire, const Load &load, int64_t limit
     }
 }
 
-// Hand-overs come up to half an interval late, at random: a strict beat could fall in with the
-// kernel's own, which is what divides processor time into user and system.
+// Items are sent up to half an interval late, at random: a strict rhythm could coincide with the
+// kernel's timer tick, which divides processor time into user and system.
 static int64_t due_ns(int64_t start_ns, double rate, uint32_t item) {
     const uint32_t hash = (item * 2654435761U) >> 16;
     const double jitter = static_cast<double>(hash) / 65536.0 / 2.0;
@@ -146,7 +147,7 @@ static int64_t make_traffic(Tally &tally, Wire &wire, const Load &load, int64_t 
     return handed_ns;
 }
 
-static double quantile(std::vector<float> &values, double part) {
+double quantile(std::vector<float> &values, double part) {
     if (values.empty()) {
         return NAN;
     }
@@ -159,16 +160,19 @@ static double quantile(std::vector<float> &values, double part) {
 static CpuTime cpu_each(const CpuTime &before, const CpuTime &after, size_t datagrams) {
     const auto count = static_cast<double>(std::max<size_t>(datagrams, 1));
     return {(after.total_us - before.total_us) / count, (after.user_us - before.user_us) / count,
-            (after.system_us - before.system_us) / count};
+            (after.system_us - before.system_us) / count,
+            (after.ended_children_us - before.ended_children_us) / count};
 }
 
 LoadResult run_load(Wire &wire, const Subject &subject, const Load &load, double seconds) {
     Tally tally = make_tally(wire, load, static_cast<size_t>(std::ceil(load.rate * seconds)));
     const CpuTime before = cpu_time(subject);
+    const Instructions counted_before = counted(subject.counters);
     int64_t late_ns = 0;
     const int64_t handed_ns = make_traffic(tally, wire, load, late_ns);
     drain_rest(tally, wire, load, drain_limit_ns);
     const CpuTime after = cpu_time(subject);
+    const Instructions counted_after = counted(subject.counters);
     LoadResult result{};
     result.expected = expected_datagrams(tally);
     result.delivered = tally.latencies_ms.size();
@@ -176,12 +180,27 @@ LoadResult run_load(Wire &wire, const Subject &subject, const Load &load, double
     result.lost = result.expected - std::min(result.expected, result.delivered);
     result.items_lost = tally.missing.size() - tally.whole_ms.size();
     result.cpu_each = cpu_each(before, after, tally.latencies_ms.size());
+    const auto delivered = static_cast<double>(std::max<size_t>(tally.latencies_ms.size(), 1));
+    result.instructions_each = {(counted_after.user - counted_before.user) / delivered,
+                                (counted_after.kernel - counted_before.kernel) / delivered};
     result.p50_ms = quantile(tally.latencies_ms, 0.5);
     result.p99_ms = quantile(tally.latencies_ms, 0.99);
     result.whole_p50_ms = quantile(tally.whole_ms, 0.5);
     result.drain_ms = static_cast<double>(tally.last_arrival_ns - handed_ns) / 1e6;
     result.late_ms = static_cast<double>(late_ns) / 1e6;
     return result;
+}
+
+void print_progress(const char *what, SubjectKind kind, const LoadResult &result) {
+    fprintf(stderr,
+            "%-7s %-9s delivered %llu lost %llu spoiled %llu, %.2f us each (%.2f user %.2f "
+            "system), p50 %.3f ms p99 %.3f ms whole p50 %.3f ms, drained %.1f ms, generator late "
+            "%.1f ms\n",
+            what, subject_name(kind), static_cast<unsigned long long>(result.delivered),
+            static_cast<unsigned long long>(result.lost),
+            static_cast<unsigned long long>(result.spoiled), result.cpu_each.total_us,
+            result.cpu_each.user_us, result.cpu_each.system_us, result.p50_ms, result.p99_ms,
+            result.whole_p50_ms, result.drain_ms, result.late_ms);
 }
 
 double burst_rate(Wire &wire, const Load &load, unsigned count) {

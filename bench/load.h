@@ -4,10 +4,9 @@
 #include "wire.h"
 
 #include <cstdint>
+#include <vector>
 
-// One measurement: traffic of one kind at one rate for some time, every byte of it checked.
-
-enum class LoadKind { data, video };
+// One measurement: traffic of one kind, at one rate, for some time. Every byte is checked.
 
 struct Load {
     LoadKind kind;
@@ -16,21 +15,31 @@ struct Load {
 };
 
 struct LoadResult {
-    uint64_t expected;  // datagrams that the destinations had to receive
-    uint64_t delivered; // and did, whole and in order
+    uint64_t expected;  // datagrams that the destinations should receive
+    uint64_t delivered; // and did receive, complete and in order
     uint64_t lost;
     uint64_t spoiled;    // arrived with a wrong byte, header or number
-    uint64_t items_lost; // datagrams or frames that not every destination has whole
+    uint64_t items_lost; // datagrams or frames that some destination did not receive completely
     CpuTime cpu_each;    // processor time for each delivered datagram
-    double p50_ms;       // from hand-over to arrival, of all datagrams delivered
+    Instructions instructions_each;
+    double p50_ms; // from sending to arrival, of all delivered datagrams
     double p99_ms;
-    double whole_p50_ms; // from hand-over to arrival of the last byte at the last destination
-    double drain_ms;     // from the last hand-over to the last arrival
-    double late_ms;      // the most that a hand-over came after its time
+    double whole_p50_ms; // from sending to arrival of the last byte at the last destination
+    double drain_ms;     // from the last sending to the last arrival
+    double late_ms;      // maximum delay of a sending after its due time
 };
 
-// Runs `load` over a connected wire for `seconds` and waits a while for what is under way.
+// Runs `load` over a connected wire for `seconds`, then waits a while for the rest to arrive.
 LoadResult run_load(Wire &wire, const Subject &subject, const Load &load, double seconds);
 
-// Hands over `count` datagrams at once and returns how many of them the subject relays a second.
+// Tells whoever waits for the tables how a run went.
+void print_progress(const char *what, SubjectKind kind, const LoadResult &result);
+
+// Sends the frame with that number at once; it is lost when the subject has no room for it.
+void hand_over_frame(Wire &wire, uint16_t run, uint32_t item, uint32_t size);
+
+// The value that this part of all values lie below; NAN when there are none.
+double quantile(std::vector<float> &values, double part);
+
+// Sends `count` datagrams at once and returns how many of them the subject relays per second.
 double burst_rate(Wire &wire, const Load &load, unsigned count);

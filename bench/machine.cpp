@@ -1,16 +1,21 @@
 #include "machine.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdio>
 #include <initializer_list>
 #include <sched.h>
 #include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
 
 constexpr int nice_level = -15;
 
 static int subject_core;
 static int bench_core;
+
+static std::thread waker;
+static std::atomic<bool> waker_ends;
 
 static void use_core(int core) {
     cpu_set_t cores;
@@ -26,7 +31,7 @@ bool take_cores() {
     if (CPU_COUNT(&allowed) < 2) {
         return false;
     }
-    // The two last ones.
+    // Use the last two cores.
     for (int core = 0; core < CPU_SETSIZE; ++core) {
         if (CPU_ISSET(static_cast<size_t>(core), &allowed)) {
             bench_core = subject_core;
@@ -41,10 +46,26 @@ void use_subject_core() {
     use_core(subject_core);
 }
 
+void keep_subject_core_awake() {
+    waker_ends = false;
+    waker = std::thread([] {
+        use_subject_core();
+        const sched_param no_priority{};
+        sched_setscheduler(0, SCHED_IDLE, &no_priority);
+        while (!waker_ends) {
+        }
+    });
+}
+
+void let_subject_core_sleep() {
+    waker_ends = true;
+    waker.join();
+}
+
 void come_first() {
     setpriority(PRIO_PROCESS, 0, nice_level);
-    // Where the kernel shares the processor among groups of processes first, the group needs it
-    // too.
+    // If the kernel first divides the processor among groups of processes, the group needs the
+    // priority too.
     setsid();
     FILE *file = fopen("/proc/self/autogroup", "we");
     if (file != nullptr) {
@@ -73,8 +94,8 @@ static double own_seconds() {
     return sum;
 }
 
-// The first line of /proc/stat: user, nice, system, idle, waiting, interrupts, soft interrupts,
-// stolen, in ticks.
+// Reads the first line of /proc/stat: user, nice, system, idle, iowait, irq, softirq and steal, in
+// ticks.
 static MachineTime machine_time() {
     MachineTime time{0, 0, own_seconds()};
     const double tick_s = 1.0 / static_cast<double>(sysconf(_SC_CLK_TCK));

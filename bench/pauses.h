@@ -1,5 +1,5 @@
 #pragma once
 
-// What a pause of two microseconds really takes, in time and in processor time, by the ways there
-// are to make it. Prints a table.
+// Prints a table of what a pause of two microseconds really takes, in time and in processor time,
+// for each way to make it.
 void print_pauses();

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <netinet/in.h>
 
-// The addresses of the interface that the daemon and the two baselines share.
+// The ports and addresses that the daemon and the two baselines use.
 
 constexpr uint16_t data_port = 5000;
 constexpr uint16_t control_port = 5252;

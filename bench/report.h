@@ -1,21 +1,43 @@
 #pragma once
 
+#include "burst.h"
 #include "load.h"
+#include "slow_link.h"
+#include "traced.h"
 
 #include <cstdint>
 #include <vector>
 
-// What was measured, and the Markdown made of it.
+// The measurements, and the Markdown tables made of them.
 
 struct Case {
     Load load;
     int clients;
 };
 
-// The samples of one case, one a round for each subject.
+// The shares of one core that the daemon uses with ten clients and nothing to relay while it
+// searches for storage.
+struct SearchSample {
+    double daemon;
+    double with_commands; // and the programs that it runs
+};
+
+// The samples of one case, one per round for each subject.
 struct CaseSamples {
     Case what;
     std::vector<LoadResult> of[subject_kinds];
+};
+
+struct BurstSample {
+    Burst what;
+    SubjectKind kind;
+    BurstResult result;
+};
+
+// User instructions for each datagram delivered, on the video path; empty where not measured.
+struct TracedResult {
+    std::vector<FunctionCost> one_client;
+    std::vector<FunctionCost> ten_clients;
 };
 
 struct Samples {
@@ -23,15 +45,17 @@ struct Samples {
     Load rate_load;
     std::vector<double> highest_rate[subject_kinds]; // datagrams a second
     std::vector<double> idle_share[subject_kinds];   // of one core, with ten clients
-    uint64_t private_bytes;                          // the most the daemon had
+    std::vector<SearchSample> searching;
+    std::vector<BurstSample> bursts;
+    std::vector<BurstSample> long_bursts;        // the daemon's, that the target is about
+    std::vector<LoadResult> with_stalled_viewer; // the daemon's: the last case once more
+    SlowLinkResult slow_link;
+    TracedResult traced;
+    uint64_t private_bytes; // the maximum for the daemon
 };
 
-// Which of the cases the targets look at.
-struct TargetCases {
-    size_t data;
-    size_t video;
-};
+const std::vector<LoadResult> &of(const CaseSamples &samples, SubjectKind kind);
+double instructions_of(const std::vector<FunctionCost> &functions);
+const char *name_of(const Case &what, char *text, size_t size);
 
 void print_tables(const Samples &samples);
-// Returns how many targets were missed.
-int print_targets(const Samples &samples, const TargetCases &which);

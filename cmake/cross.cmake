@@ -1,5 +1,5 @@
-# The part that the toolchain files share: libraries, headers and programs to run them for
-# QUILLORBEACON_CROSS_ARCH (Debian's name of it), the compiler's triplet and qemu's name of it given.
+# What the toolchain files share. They set QUILLORBEACON_CROSS_ARCH to Debian's name of the
+# architecture, triplet to the compiler's and qemu_arch to qemu's.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_C_COMPILER ${triplet}-gcc)
 set(CMAKE_CXX_COMPILER ${triplet}-g++)
@@ -11,14 +11,14 @@ if(NOT EXISTS ${cross_root}/usr/include)
         "run script/cross-root ${QUILLORBEACON_CROSS_ARCH}")
 endif()
 
-# Everything but the C and C++ libraries, which are the compiler's own, is found there only.
+# Everything is found only there, except the C and C++ libraries, which come with the compiler.
 set(CMAKE_FIND_ROOT_PATH ${cross_root})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Without qemu-user the program can be built, but no test can be run.
+# Without qemu-user the program can be built but not tested.
 find_program(QUILLORBEACON_QEMU qemu-${qemu_arch})
 if(QUILLORBEACON_QEMU)
     set(CMAKE_CROSSCOMPILING_EMULATOR ${QUILLORBEACON_QEMU} -L ${cross_root})

@@ -24,9 +24,9 @@ target_include_directories(inih SYSTEM INTERFACE ${INIH_INCLUDE_DIR})
 target_link_libraries(inih INTERFACE ${INIH_LIBRARY})
 
 # inih must take its limits from its global variables: a line of the configuration file may be
-# 10000 bytes long, and the library's own buffer is 200. A build that has them but ignores them
-# is caught by reading such a line; where the probe cannot be run (cross-compiling without an
-# emulator) only their presence can be checked.
+# 10000 bytes long, and the library's default buffer has 200. The probe reads such a line, which
+# catches a build that has the variables but ignores them. When it cannot be run (cross-compiling
+# without an emulator), only their presence is checked.
 if(NOT INIH_LIBRARY STREQUAL QUILLORBEACON_INIH_CHECKED)
     set(probe_args ${PROJECT_BINARY_DIR}/probe ${PROJECT_SOURCE_DIR}/cmake/inih_probe.cpp
         CMAKE_FLAGS "-DINCLUDE_DIRECTORIES=${INIH_INCLUDE_DIR}"
@@ -45,8 +45,8 @@ if(NOT INIH_LIBRARY STREQUAL QUILLORBEACON_INIH_CHECKED)
     set(QUILLORBEACON_INIH_CHECKED ${INIH_LIBRARY} CACHE INTERNAL "inih that passed the probe")
 endif()
 
-# pigpio comes with Raspberry Pi OS, not with Debian. Elsewhere a library of ours with the same
-# six functions stands in, whose gpioInitialise fails as pigpio's does on a machine without GPIO.
+# pigpio comes with Raspberry Pi OS, not with Debian. Without it, a library of ours with the same
+# six functions stands in; its gpioInitialise fails, as pigpio's does on a machine without GPIO.
 add_library(gpio_library INTERFACE)
 find_library(PIGPIO_LIBRARY pigpio)
 find_path(PIGPIO_INCLUDE_DIR pigpio.h)
@@ -66,7 +66,7 @@ else()
         LIBRARY DESTINATION lib/quillorbeacon NAMELINK_SKIP)
 endif()
 
-# The VideoCore host library is called where it is found.
+# The VideoCore host library is used if it is found.
 add_library(video_core INTERFACE)
 find_library(BCM_HOST_LIBRARY bcm_host PATHS /opt/vc/lib)
 find_path(BCM_HOST_INCLUDE_DIR bcm_host.h PATHS /opt/vc/include)

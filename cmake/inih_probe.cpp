@@ -1,5 +1,5 @@
-// Answers at configure time: can the installed inih be told to read 10000-byte lines, with the
-// comments and separators the configuration file uses? Exit status 0: yes.
+// Checks at configure time that the installed inih can be set up to read 10000-byte lines, with the
+// comments and separators of the configuration file. Exit status 0: it can.
 #include <cstdio>
 #include <cstring>
 #include <ini.h>

@@ -1,4 +1,4 @@
-"""Checks of a received stream: against what was published, and by decoding it."""
+"""Checks of a received stream: compares it with what was published, and decodes it."""
 
 import json
 import struct
@@ -10,11 +10,11 @@ BLOCK = 1 << 20
 
 
 class CheckFailed(Exception):
-    """What is wrong with the stream, in words for the user."""
+    """Says what is wrong with the stream, in words for the user."""
 
 
 def compare(published, received):
-    """Where two files differ first, as a byte offset; None when they are equal."""
+    """The offset of the first byte in which two files differ; None when they are equal."""
     offset = 0
     with open(published, "rb") as left_file, open(received, "rb") as right_file:
         while True:
@@ -29,10 +29,10 @@ def compare(published, received):
 
 
 def check_whole(record, published, received, length, digest):
-    """Raises CheckFailed unless what was received is what was published.
+    """Raises CheckFailed unless the received video is the published one.
 
-    `record` is the source's record.json; `length` and `digest` (SHA-256, in hex) are of all that
-    was received, while the files hold the first record["kept"] bytes.
+    `record` is the source's record.json. `length` and `digest` (SHA-256, in hex) cover everything
+    that was received; the files hold the first record["kept"] bytes.
     """
     if record["bytes"] == 0:
         raise CheckFailed("no video was published")
@@ -46,7 +46,7 @@ def check_whole(record, published, received, length, digest):
 
 
 def decode(stream):
-    """Decodes an H.264 file to its end; returns the number of pictures, raises CheckFailed."""
+    """Decodes a whole H.264 file; returns the number of pictures or raises CheckFailed."""
     result = subprocess.run(
         ["ffmpeg", "-nostdin", "-v", "error", "-xerror", "-f", "h264", "-i", str(stream),
          "-fps_mode", "passthrough", "-progress", "pipe:1", "-f", "null", "-"],
@@ -58,7 +58,7 @@ def decode(stream):
 
 
 def save_picture(stream, number, picture):
-    """Saves the picture of that number as a PNG; returns its width and height."""
+    """Saves picture `number` as a PNG; returns its width and height."""
     result = subprocess.run(
         ["ffmpeg", "-nostdin", "-y", "-v", "error", "-f", "h264", "-i", str(stream),
          "-vf", rf"select=eq(n\,{number})", "-frames:v", "1", "-update", "1", str(picture)],
@@ -78,9 +78,9 @@ def png_size(picture):
 
 @dataclass
 class FrameTimes:
-    """Follows the source's list of frames, and matches it with what arrived at the client.
+    """Follows the source's list of frames and matches it with what arrived at the client.
 
-    A frame has arrived when its last byte has; both times are of CLOCK_MONOTONIC, which all
+    A frame has arrived when its last byte has. Both times are from CLOCK_MONOTONIC, which all
     processes of the machine share.
     """
 
@@ -88,14 +88,14 @@ class FrameTimes:
     arrivals: object  # of client.VideoFile
 
     def __post_init__(self):
-        self.frames = 0  # arrived whole
+        self.frames = 0  # that arrived complete
         self.latencies = []  # per frame, in ms
         self._waiting = []
         self._read = 0
         self._lost_step = False
 
     def update(self):
-        """Takes in what was published and received since the last call."""
+        """Processes what was published and received since the last call."""
         self._read_published()
         while self._waiting and self.arrivals and not self._lost_step:
             published, end = self._waiting[0]
@@ -104,7 +104,7 @@ class FrameTimes:
             while self.arrivals[0][0] < end:
                 self.arrivals.popleft()
             if self.arrivals[0][0] != end:
-                self._lost_step = True  # a piece is missing: frames can no longer be told apart
+                self._lost_step = True  # a piece is missing: frame ends no longer match
                 return
             self.latencies.append((self.arrivals[0][1] - published) / 1e6)
             self.frames += 1

@@ -19,21 +19,21 @@ ASK_INFO = 0
 
 
 class Client:
-    """Receives on a thread of its own, from start() to stop().
+    """Receives on its own thread, from start() to stop().
 
-    The callbacks run on that thread: on_video(payload, when) for each piece of video, in the order
-    of arrival, with time.monotonic_ns(); on_data(payload) for telemetry, status and replies.
+    The callbacks run on that thread: on_video(payload, when) for each piece of video, in order of
+    arrival, with time.monotonic_ns(); on_data(payload) for telemetry, status and replies.
     """
 
     def __init__(self, opened, on_video=None, on_data=None):
-        """`opened` is a bound UDP socket, on the daemon's network."""
+        """`opened` is a bound UDP socket on the daemon's network."""
         self.socket = opened
         self.on_video = on_video
         self.on_data = on_data
         self.packets = Counter()  # by type
         self.malformed = 0
         self._expected = None  # the next sequence number
-        self._missing = set()  # numbers passed over
+        self._missing = set()  # sequence numbers that were skipped
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._run, name="client", daemon=True)
         try:
@@ -43,15 +43,15 @@ class Client:
 
     @property
     def lost(self):
-        """How many packets of the daemon never came, by their sequence numbers."""
+        """How many of the daemon's packets never arrived, by their sequence numbers."""
         return len(self._missing)
 
     def start(self):
-        """Registers, and receives from now on."""
+        """Registers, and starts receiving."""
         self._thread.start()
 
     def stop(self):
-        """Stops receiving and takes leave of the daemon."""
+        """Stops receiving and unregisters."""
         self._stop.set()
         self._thread.join()
         self.send(bytes([REMOVE]))
@@ -74,7 +74,7 @@ class Client:
             self.take(datagram, time.monotonic_ns())
 
     def take(self, datagram, when):
-        """Counts one datagram and hands its payload on."""
+        """Counts one datagram and passes its payload on."""
         length = len(datagram) - HEADER_SIZE
         if (length < 0 or datagram[0:1] != b"R" or datagram[8:12] != b"\1\0\0\0"
                 or int.from_bytes(datagram[2:4], "little") != length):
@@ -92,20 +92,20 @@ class Client:
         """All streams share one count, so each number missing is a packet missing."""
         gap = 0 if self._expected is None else (sequence - self._expected) % (1 << 32)
         if gap >= 1 << 31:
-            self._missing.discard(sequence)  # a reply may be overtaken by the next packet
+            self._missing.discard(sequence)  # the next packet may overtake a reply
             return
         self._missing.update((self._expected + i) % (1 << 32) for i in range(gap))
         self._expected = (sequence + 1) % (1 << 32)
 
 
 class VideoFile:
-    """Puts the pieces of video together in a file, and remembers when each arrived."""
+    """Writes the pieces of video to a file and remembers when each arrived."""
 
     def __init__(self, path, keep):
         """Keeps up to `keep` bytes in the file; the rest is only counted and hashed."""
         self.digest = hashlib.sha256()
         self.length = 0
-        self.arrivals = deque()  # (length with this piece, when); the reader takes from the left
+        self.arrivals = deque()  # (length including this piece, when); consumed from the left
         self._keep = keep
         self._file = open(path, "wb")
 

@@ -1,8 +1,8 @@
 """The demo: a board with the daemon and a simulated camera, and a client that receives it all.
 
-Shows a live line while it runs; then compares what was received with what was published, decodes
-it, saves a picture of it and says what was seen. The exit status is 0 when every byte arrived and
-the video decodes. Needs root; script/demo builds the daemon first.
+Shows a live line while it runs. Then it compares what was received with what was published,
+decodes it, saves a picture of it and prints a summary. The exit status is 0 when every byte arrived
+and the video decodes. Needs root; script/demo builds the daemon first.
 """
 
 import argparse
@@ -24,21 +24,15 @@ from board import Board, Daemon, require_root, wait_until  # noqa: E402
 from checks import (CheckFailed, FrameTimes, check_whole, decode,  # noqa: E402
                     read_record, save_picture)
 from client import AUDIO, INFO, STATUS, VIDEO, Client, VideoFile  # noqa: E402
+from shell import run_shell  # noqa: E402
+from stage import MODEL, prepare  # noqa: E402
 
-MODEL = "Raspberry Pi 4 Model B"
-CONFIG = """device_name="Quillorbeacon demo"
-audio_enabled=1
-rc1_channels=[{"ch":1,"min":1000,"c":1500,"max":2000,"f":2},{"ch":2,"min":1000,"c":1500,"max":2000,"f":3}]
-automove_smooth=1
-automove_smooth_speed=6
-automove_list="15,10,0,,,,,0,0,;-15,-10,0,,,,,0,0,"
-"""
 PLAY = b'{"cmd":"updateconfig","param":"automovement","value":"setstate","value2":"1"}'
 CLIENT_HOST = "127.0.0.10"
 RATE = 30  # frames per second
 STICK_SECONDS = 4.0  # of beacon-sim's circling stick
 RECORD = "/tmp/camera"  # on the board
-KEEP = 1 << 28  # bytes of video kept, as beacon-sim does: nine minutes; --stay may go on longer
+KEEP = 1 << 28  # bytes of video kept, as in beacon-sim: nine minutes; --stay may run longer
 SHOW_INTERVAL = 0.5
 DRAIN_TIMEOUT = 3.0
 
@@ -50,12 +44,12 @@ def child_of(process):
 
 
 class Viewer:
-    """The client, and what it has seen so far."""
+    """The client and what it has seen so far."""
 
     def __init__(self, board, video_path):
         self.video = VideoFile(video_path, KEEP)
         self.telemetry = 0
-        self.commands = 0  # taken by the camera, as its telemetry says
+        self.commands = 0  # received by the camera, according to its telemetry
         self.name = ""
         self.status = None  # the daemon's last status record
         self.client = Client(board.socket(bind=(CLIENT_HOST, 0)), self.video.add, self._take_data)
@@ -89,7 +83,7 @@ class Viewer:
 
 
 class LiveLine:
-    """One line on a terminal that is written anew; elsewhere a line each second."""
+    """One line that is rewritten on a terminal; elsewhere one line per second."""
 
     def __init__(self, viewer):
         self.viewer = viewer
@@ -136,7 +130,7 @@ def start_camera(board, simulator, errors):
 
 
 def stop_camera(camera):
-    """Has the camera end its stream; returns when all of it was taken from the ring."""
+    """Makes the camera end its stream; returns when all of it has been taken from the ring."""
     if camera.poll() is None:
         os.kill(child_of(camera), signal.SIGTERM)
         try:
@@ -146,7 +140,7 @@ def stop_camera(camera):
 
 
 def watch(viewer, daemon, camera, seconds, interrupted):
-    """Shows the live line until the time is over, Ctrl-C, or an end of one of the two."""
+    """Shows the live line until the time is over, Ctrl-C, or one of the two programs ends."""
     wait_until(lambda: viewer.video.length or interrupted.is_set() or not daemon.alive()
                or camera.poll() is not None, "the first piece of video", 30.0)
     viewer.started = time.monotonic()
@@ -164,7 +158,7 @@ def watch(viewer, daemon, camera, seconds, interrupted):
 
 
 def wait_rest(viewer, length):
-    """Waits for what is still under way, as long as something comes."""
+    """Waits for what is still in flight, as long as something arrives."""
     seen, end = -1, time.monotonic() + DRAIN_TIMEOUT
     while viewer.video.length < length and time.monotonic() < end:
         if viewer.video.length != seen:
@@ -174,7 +168,7 @@ def wait_rest(viewer, length):
 
 
 def give_to_user(*paths):
-    """Under sudo the files belong to who called it."""
+    """Under sudo, gives the files to the user who called it."""
     if "SUDO_UID" in os.environ:
         for path in paths:
             if path.exists():
@@ -182,7 +176,7 @@ def give_to_user(*paths):
 
 
 def report(viewer, record, pictures, size, poses, stream, picture):
-    """Says in plain words what was seen."""
+    """Prints a summary of what was seen."""
     times = sorted(viewer.times.latencies)
     packets = viewer.client.packets[VIDEO]
     part = "" if record["kept"] == record["bytes"] else f", the first {record['kept']} bytes of it"
@@ -207,7 +201,7 @@ ffmpeg decodes what was received without an error: {pictures} pictures.
 
 
 def check_gimbal(record, poses, seconds):
-    """The gimbal must have followed the stick, and then the movement list."""
+    """Checks that the gimbal followed the stick and then the movement list."""
     if seconds > STICK_SECONDS and record["turned"] < 10:
         raise CheckFailed(f"the stick turned the gimbal by {record['turned']:.1f} degrees only")
     if seconds > STICK_SECONDS + 5 and poses == 0:
@@ -215,7 +209,7 @@ def check_gimbal(record, poses, seconds):
 
 
 def check_and_report(viewer, board, daemon, stream, picture):
-    """The ending: all checks of what was received; raises CheckFailed."""
+    """Checks everything that was received and prints the summary; raises CheckFailed."""
     record = read_record(board.path(RECORD))
     wait_rest(viewer, record["bytes"])
     viewer.client.stop()
@@ -242,11 +236,10 @@ def run(arguments, scratch):
         path.unlink(missing_ok=True)
     errors = {"daemon": scratch / "daemon", "camera": scratch / "camera"}
 
-    # Ctrl-C reaches every process of the terminal; all but this one are to ignore it.
+    # Ctrl-C reaches every process of the terminal; all but this one must ignore it.
     signal.signal(signal.SIGINT, signal.SIG_IGN)
     with Board(binary.parent) as board:
-        board.write("/sys/firmware/devicetree/base/model", MODEL)
-        board.write("/run/quillorbeacon/config.conf", CONFIG)
+        prepare(board)
         print("Starting the daemon, a client and a camera ..."
               + (" (Ctrl-C ends it)" if arguments.stay else ""), flush=True)
         daemon = Daemon(board, binary, errors["daemon"])
@@ -254,14 +247,14 @@ def run(arguments, scratch):
             daemon.wait_ready()
             viewer = Viewer(board, stream)
             viewer.client.start()
-            # Registered before the camera starts, the client sees the stream from its first byte.
+            # The client registers before the camera starts, so it sees the stream from the start.
             daemon.wait_error("New client connected")
             camera = start_camera(board, binary.with_name("beacon-sim"), errors["camera"])
             interrupted = threading.Event()
             for number in (signal.SIGINT, signal.SIGTERM):
                 signal.signal(number, lambda *_: interrupted.set())
             watch(viewer, daemon, camera, arguments.seconds, interrupted)
-            signal.signal(signal.SIGINT, signal.default_int_handler)  # now it ends the rest, too
+            signal.signal(signal.SIGINT, signal.default_int_handler)  # from now it ends this, too
             ended_early = camera.poll() is not None
             died = not daemon.alive()
             stop_camera(camera)
@@ -285,12 +278,17 @@ def run(arguments, scratch):
     return 1 if failed else 0
 
 
-def main():
+def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
-    parser.add_argument("--seconds", type=float, default=10.0, help="how long (%(default)s)")
-    parser.add_argument("--stay", action="store_true", help="until Ctrl-C")
+    length = parser.add_mutually_exclusive_group()
+    length.add_argument("--seconds", type=float, default=10.0, help="how long (%(default)s)")
+    length.add_argument("--stay", action="store_true",
+                        help="until Ctrl-C; then, at a terminal, as with --shell")
+    length.add_argument("--shell", action="store_true",
+                        help="only a shell on the board; without a terminal it runs the commands "
+                        "on standard input")
     parser.add_argument("--binary", default=REPOSITORY / "build/release/quillorbeacon",
-                        help="the daemon; beacon-sim is beside it (%(default)s)")
+                        help="the daemon; beaconctl and beacon-sim are beside it (%(default)s)")
     parser.add_argument("--output", default=REPOSITORY,
                         help="folder for demo.h264 and demo.png (%(default)s)")
     parser.add_argument("--verbose", action="store_true",
@@ -300,12 +298,27 @@ def main():
         arguments.seconds = float("inf")
     if not Path(arguments.output).is_dir():
         parser.error(f"{arguments.output} is not a folder")
+    return arguments
+
+
+def main():
+    arguments = parse_arguments()
     require_root()
-    with tempfile.TemporaryDirectory(prefix="quillorbeacon-demo-") as scratch:
-        try:
-            return run(arguments, Path(scratch))
-        except KeyboardInterrupt:
-            return 130
+    binary = Path(arguments.binary).resolve()
+    try:
+        if arguments.shell:
+            return run_shell(binary)
+        with tempfile.TemporaryDirectory(prefix="quillorbeacon-demo-") as scratch:
+            status = run(arguments, Path(scratch))
+        if arguments.stay and sys.stdin.isatty():
+            print()
+            run_shell(binary)
+        return status
+    except KeyboardInterrupt:
+        return 130
+    except AssertionError as error:
+        print(f"The demo failed: {error}", file=sys.stderr)
+        return 1
 
 
 if __name__ == "__main__":

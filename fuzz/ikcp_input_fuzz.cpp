@@ -1,7 +1,9 @@
-// Feeds arbitrary datagrams to one block of the reliable transport, between updates, receives,
-// sends and failing allocations, and checks what must hold whatever arrives. The input is a list of
-// operations; most datagrams get a header that is nearly right, because a random one seldom passes.
+// Feeds arbitrary datagrams to one block of the reliable transport, mixed with updates, receives,
+// sends and failing allocations, and checks the invariants that must hold whatever arrives. The
+// input is a list of operations. Most datagrams get a nearly valid header, because a random one is
+// rarely accepted.
 #include "ikcp.h"
+#include "input.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -9,31 +11,6 @@
 #include <vector>
 
 namespace {
-
-struct Input {
-    const uint8_t *at;
-    size_t left;
-
-    uint32_t byte() {
-        if (left == 0) {
-            return 0;
-        }
-        --left;
-        return *at++;
-    }
-    uint32_t word() {
-        const uint32_t low = byte();
-        return low | (byte() << 8);
-    }
-    // A number near `base`, or seldom any.
-    uint32_t near(uint32_t base) {
-        const uint32_t offset = byte();
-        if (offset == 255) {
-            return (word() << 16) | word();
-        }
-        return base + offset - 64;
-    }
-};
 
 uint32_t calls_until_failure = 0; // 0: none fails
 size_t live = 0;
@@ -51,13 +28,8 @@ void give(void *memory) {
     std::free(memory);
 }
 
-void check(bool holds) {
-    if (!holds) {
-        std::abort();
-    }
-}
-
-// The list is linked both ways and as long as its counter says; sorted where `by_sn`.
+// Checks that the list is linked in both directions, has `count` elements and, with `by_sn`, is
+// sorted.
 void check_list(const IkcpList &list, uint32_t count, bool by_sn) {
     const IkcpSegment *previous = nullptr;
     for (const IkcpSegment *segment = list.first; segment != nullptr; segment = segment->next) {
@@ -84,7 +56,7 @@ void check_block(const ikcpcb *kcp) {
 }
 
 int take_datagram(const char *buf, int len, ikcpcb *, void *user) {
-    // Every byte is read, so that one that was never written is noticed where that is watched.
+    // Read every byte, so that a memory checker notices one that was never written.
     uint32_t *sum = static_cast<uint32_t *>(user);
     check(len >= static_cast<int>(ikcp_header_size));
     for (int i = 0; i < len; ++i) {
@@ -117,7 +89,7 @@ void append_segment(std::vector<char> &bytes, Input &input, const ikcpcb *kcp) {
 }
 
 void input_exactly(ikcpcb *kcp, const std::vector<char> &bytes) {
-    // A copy without spare room behind it.
+    // A copy without spare room after it.
     char *exact = static_cast<char *>(std::malloc(std::max<size_t>(bytes.size(), 1)));
     if (!bytes.empty()) {
         std::memcpy(exact, bytes.data(), bytes.size());
@@ -150,7 +122,7 @@ void operate(ikcpcb *kcp, Input &input) {
     case 1:
     case 2:
     case 3:
-    case 4: // a nearly right datagram
+    case 4: // a nearly valid datagram
         for (uint32_t count = input.byte() % 8 + 1; count > 0; --count) {
             append_segment(bytes, input, kcp);
         }
@@ -182,7 +154,7 @@ void operate(ikcpcb *kcp, Input &input) {
             ikcp_nodelay(kcp, static_cast<int>(input.byte()) - 1,
                          static_cast<int>(input.byte()) - 1, static_cast<int>(input.byte() % 6) - 1,
                          static_cast<int>(input.byte() % 3) - 1);
-            // The bound of the time-out follows with the next sample.
+            // The block itself applies the new bound only with the next sample.
             kcp->rx_rto = std::max(kcp->rx_rto, kcp->rx_minrto);
             break;
         case 2:

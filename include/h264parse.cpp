@@ -8,13 +8,13 @@ namespace {
 
 struct BitReader {
     const unsigned char *m_pStart;
-    uint64_t m_nLength;     // in bytes; 64 bits wide so that the length in bits never wraps
+    uint64_t m_nLength;     // in bytes; 64 bits so that the length in bits never wraps
     uint64_t m_nCurrentBit; // the next bit to read, from 0
 };
 
 } // namespace
 
-// Input comes from another process, so the check stays in builds that drop assert().
+// The input comes from another process, so this check stays in builds that drop assert().
 [[noreturn]] static void fail_past_end() {
     std::fputs("h264parse: assertion failed: m_nCurrentBit <= m_nLength * 8\n", stderr);
     std::abort();
@@ -25,7 +25,7 @@ static unsigned int ReadBit(BitReader &reader) {
     if (reader.m_nCurrentBit > end) {
         fail_past_end();
     }
-    // The check admits the position just behind the data, which has no byte.
+    // The check allows the position just after the data, which has no byte.
     unsigned int bit = 0;
     if (reader.m_nCurrentBit < end) {
         const unsigned int byte = reader.m_pStart[reader.m_nCurrentBit / 8];
@@ -44,8 +44,8 @@ static uint32_t ReadBits(BitReader &reader, unsigned int count) {
     return bits;
 }
 
-// Reads up to the bit that ends the zeros, or the one behind the 32nd zero, and then the suffix.
-// The value needs 33 bits when there are 32 zeros.
+// Reads up to the bit that ends the zeros, or the bit after the 32nd zero, and then the suffix.
+// With 32 zeros the value needs 33 bits.
 static uint64_t ReadExponentialGolomb(BitReader &reader) {
     unsigned int zeros = 0;
     while (ReadBit(reader) == 0 && zeros < 32) {
@@ -59,7 +59,7 @@ static int64_t ReadSE(BitReader &reader) {
     return value % 2 != 0 ? (value + 1) / 2 : -(value / 2);
 }
 
-// Whether the SPS of this profile carries chroma format, bit depths and scaling lists here.
+// Does the SPS of this profile have the chroma format, bit depths and scaling lists?
 static bool has_chroma_fields(unsigned int profile_idc) {
     switch (profile_idc) {
     case 44:
@@ -80,8 +80,8 @@ static void skip_scaling_list(BitReader &reader, int size) {
     int64_t last_scale = 8;
     int64_t next_scale = 8;
     for (int i = 0; i < size && next_scale != 0; ++i) {
-        // A delta has at most 33 bits, so the sum is exact. A negative sum counts modulo 256 like
-        // any other (-1 is 255).
+        // A delta has at most 33 bits, so the sum is exact. It is taken modulo 256, also when it is
+        // negative (-1 is 255).
         const int64_t sum = last_scale + ReadSE(reader) + 256;
         next_scale = (sum % 256 + 256) % 256;
         if (next_scale != 0) {
@@ -116,7 +116,7 @@ static void skip_picture_order_fields(BitReader &reader) {
         ReadBit(reader); // delta_pic_order_always_zero_flag
         ReadSE(reader);  // offset_for_non_ref_pic
         ReadSE(reader);  // offset_for_top_to_bottom_field
-        // However large the count, the reads run into the end of the data.
+        // A count that is too large is harmless: the reads run into the end of the data.
         const uint64_t num_ref_frames_in_pic_order_cnt_cycle = ReadExponentialGolomb(reader);
         for (uint64_t i = 0; i < num_ref_frames_in_pic_order_cnt_cycle; ++i) {
             ReadSE(reader); // offset_for_ref_frame
@@ -159,7 +159,7 @@ void h264parse(const unsigned char *sps, unsigned int length, int *width, int *h
         bottom = static_cast<int64_t>(ReadExponentialGolomb(reader));
     }
 
-    // No term exceeds 38 bits; the conversions to int keep the low 32.
+    // No term has more than 38 bits; the conversions to int keep the low 32.
     const int64_t fields = frame_mbs_only_flag != 0 ? 1 : 2;
     *width = static_cast<int>(width_in_mbs * 16 - 2 * bottom - 2 * top);
     *height = static_cast<int>(fields * height_in_map_units * 16 - 2 * right - 2 * left);

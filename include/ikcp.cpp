@@ -8,7 +8,7 @@
 #include <new>
 #include <type_traits>
 
-// Blocks and segments are given back without a destructor call.
+// Blocks and segments are freed without a destructor call.
 static_assert(std::is_trivially_destructible_v<ikcpcb>);
 static_assert(std::is_trivial_v<IkcpSegment> && std::is_trivial_v<IkcpAck>);
 
@@ -17,7 +17,7 @@ namespace {
 constexpr uint32_t first_probe_wait = 7000;
 constexpr uint32_t longest_probe_wait = 120000;
 constexpr int32_t longest_rto = 60000;
-constexpr uint32_t longest_segment_rto = 1U << 30; // keeps differences of times below 2^31
+constexpr uint32_t longest_segment_rto = 1U << 30; // keeps time differences below 2^31
 constexpr int32_t clock_jump = 10000;
 constexpr int nodelay_minrto = 30;
 constexpr int normal_minrto = 100;
@@ -46,13 +46,13 @@ void (*give_memory)(void *) = std::free;
 
 } // namespace
 
-// The owner's mistakes end the process in builds that drop assert(), too.
+// The owner's mistakes end the process even in builds that drop assert().
 [[noreturn]] static void fail_check(const char *text, const char *function) {
     std::fprintf(stderr, "ikcp: assertion failed: %s: %s\n", text, function);
     std::abort();
 }
 
-// How far `a` lies behind `b` on the circle of 2^32 sequence numbers or times; negative: before.
+// How far `a` is ahead of `b` when sequence numbers or times wrap at 2^32; negative: behind it.
 static int32_t distance(uint32_t a, uint32_t b) {
     return static_cast<int32_t>(a - b);
 }
@@ -106,7 +106,7 @@ static Header read_header(const char *at) {
                   .len = get_32(at + ikcp_offset_len)};
 }
 
-// Null when there is no memory. All fields but data and capacity are 0.
+// Returns null when memory runs out. All fields but data and capacity are 0.
 static IkcpSegment *new_segment(uint32_t capacity) {
     void *memory = take_memory(sizeof(IkcpSegment) + capacity);
     if (memory == nullptr) {
@@ -118,7 +118,7 @@ static IkcpSegment *new_segment(uint32_t capacity) {
     return segment;
 }
 
-// Puts the segment behind `place`, which is in the list; null puts it first.
+// Inserts the segment after `place`, which is in the list; null inserts it first.
 static void insert_behind(IkcpList &list, IkcpSegment *place, IkcpSegment *segment) {
     IkcpSegment *next = place != nullptr ? place->next : list.first;
     segment->previous = place;
@@ -210,7 +210,7 @@ int ikcp_setmtu(ikcpcb *kcp, int mtu) {
     if (new_mtu > ikcp_max_len + ikcp_header_size) {
         return -2;
     }
-    // Segments cut for a larger mtu still have to fit.
+    // Segments made for a larger mtu must still fit.
     const size_t size = std::max(
         {buffer_size(new_mtu), longest_on_wire(kcp->snd_queue), longest_on_wire(kcp->snd_buf)});
     char *buffer = static_cast<char *>(take_memory(size));
@@ -241,7 +241,8 @@ int ikcp_nodelay(ikcpcb *kcp, int nodelay, int interval, int resend, int nc) {
     return 0;
 }
 
-// Cuts the data into `count` new segments of `pieces`. False, with nothing kept, without memory.
+// Splits the data into `count` new segments in `pieces`. Returns false, with `pieces` empty, when
+// memory runs out.
 static bool cut(const ikcpcb *kcp, const char *data, uint32_t len, uint32_t count,
                 IkcpList &pieces) {
     const bool stream = kcp->stream != 0;
@@ -292,7 +293,7 @@ int ikcp_send(ikcpcb *kcp, const char *buffer, int len) {
         return -2;
     }
 
-    // First all the memory, so that a failure leaves the queue as it was.
+    // Allocate everything first, so that a failure leaves the queue unchanged.
     IkcpSegment *larger = nullptr;
     if (filled > 0 && filled > last->capacity - last->len) {
         larger = new_segment(kcp->mss);
@@ -330,7 +331,7 @@ int ikcp_send(ikcpcb *kcp, const char *buffer, int len) {
     return 0;
 }
 
-// A message is as many segments as the frg of its first one says, whatever the others say.
+// A message has as many segments as the frg of its first one says, whatever the others say.
 int ikcp_peeksize(const ikcpcb *kcp) {
     const IkcpSegment *segment = kcp->rcv_queue.first;
     if (segment == nullptr || kcp->nrcv_que < segment->frg + 1) {
@@ -416,7 +417,7 @@ void ikcp_ack_push(ikcpcb *kcp, uint32_t sn, uint32_t ts) {
 }
 
 static void take_rtt(ikcpcb *kcp, int32_t rtt) {
-    // The peer chooses rtt: 64 bits, so that no sum overflows.
+    // The peer chooses rtt, so use 64 bits: no sum can overflow.
     int64_t srtt = kcp->rx_srtt;
     int64_t rttval = kcp->rx_rttval;
     if (srtt == 0) {
@@ -461,11 +462,11 @@ static void take_push(ikcpcb *kcp, const Header &header, const char *data) {
         return;
     }
     if (distance(header.sn, kcp->rcv_nxt) < 0) {
-        // Delivered before: the ack was lost, so give another.
+        // Already delivered: the ack was lost, so send another.
         ikcp_ack_push(kcp, header.sn, header.ts);
         return;
     }
-    // Most segments belong at the end.
+    // Search from the end, where most segments belong.
     IkcpSegment *place = kcp->rcv_buf.last;
     while (place != nullptr && distance(place->sn, header.sn) > 0) {
         place = place->previous;
@@ -474,7 +475,7 @@ static void take_push(ikcpcb *kcp, const Header &header, const char *data) {
     if (!duplicate) {
         IkcpSegment *segment = new_segment(header.len);
         if (segment == nullptr) {
-            return; // without an ack, so that it comes again
+            return; // without an ack, so that it is sent again
         }
         segment->sn = header.sn;
         segment->frg = header.frg;
@@ -585,8 +586,8 @@ int ikcp_output(ikcpcb *kcp, const void *data, int size) {
     return kcp->output(static_cast<const char *>(data), size, kcp, kcp->user);
 }
 
-// Room for one segment in the datagram that is being put together, whose size so far is `used`. A
-// datagram that has none left is output first.
+// Reserves room for one segment in the datagram being assembled, whose size so far is `used`. A
+// datagram without room is output first.
 static char *room_for(ikcpcb *kcp, size_t &used, size_t size) {
     if (used > 0 && used + size > kcp->mtu) {
         ikcp_output(kcp, kcp->buffer, static_cast<int>(used));

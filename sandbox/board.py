@@ -1,13 +1,15 @@
-"""A board of one's own: namespaces in which the daemon runs without touching the host.
+"""A simulated board: namespaces in which the daemon runs without touching the host.
 
-A board has its own mounts, network, processes and shared memory; every address of 127.0.0.0/8 is
-one of its hosts. Sockets made with Board.socket() live on its network, Board.path() reaches its
+A board has its own mounts, network, processes and shared memory; every address in 127.0.0.0/8 is
+one of its hosts. Board.socket() makes sockets on its network, Board.path() gives access to its
 files, Board.popen() runs programs on it. Needs root.
 """
 
 import ctypes
+import json
 import os
 import re
+import select
 import shlex
 import signal
 import socket
@@ -21,7 +23,7 @@ REPOSITORY = HERE.parent
 CLONE_NEWNET = 0x40000000
 STORAGE_MOUNT = re.compile("mount /dev/(mmcblk0p3 /mnt|sda[0-3] /media) -o noatime")
 PATH = "/sys/board/bin:/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
-# What runs a daemon that was built for another kind of processor: "qemu-arm -L FOLDER".
+# Runs a daemon that was built for another processor, such as "qemu-arm -L FOLDER".
 EMULATOR = shlex.split(os.environ.get("QUILLORBEACON_EMULATOR", ""))
 
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -39,9 +41,47 @@ def wait_until(condition, what, timeout=10.0, interval=0.005):
         time.sleep(interval)
 
 
-def _enter_network(fd):
+def promised(seconds):
+    """The limit for what takes at most that long on a board: many tests share a machine, with builds."""
+    return 4 * seconds
+
+
+def enter_network(fd):
+    """Moves this thread to the network namespace of a descriptor."""
     if _libc.setns(fd, CLONE_NEWNET) != 0:
         raise OSError(ctypes.get_errno(), "setns")
+
+
+class _Maker:
+    """The server that makes this process's boards (maker.py); started with the first one."""
+
+    def __init__(self):
+        self._socket, other = socket.socketpair(socket.AF_UNIX, socket.SOCK_SEQPACKET)
+        # -I -S: ignore the user's environment, and keep the process small so that it forks fast.
+        self._process = subprocess.Popen([sys.executable, "-I", "-S", str(HERE / "maker.py")],
+                                         stdin=other)
+        other.close()
+
+    def make(self, folders):
+        """The process id of a new board's first process, and what keeps it alive."""
+        read, lifeline = os.pipe()
+        socket.send_fds(self._socket, [json.dumps(folders).encode()], [read])
+        os.close(read)
+        answer = self._socket.recv(100)
+        pid = int.from_bytes(answer, sys.byteorder) if answer else 0
+        if pid == 0:
+            raise RuntimeError("the board could not be set up (root is needed)")
+        return pid, lifeline
+
+
+_maker = None
+
+
+def _make_board(folders):
+    global _maker
+    if _maker is None:
+        _maker = _Maker()
+    return _maker.make(folders)
 
 
 class Board:
@@ -49,14 +89,8 @@ class Board:
 
     def __init__(self, *visible):
         folders = [str(REPOSITORY), *(str(Path(v).resolve()) for v in visible)]
-        self._holder = subprocess.Popen(
-            ["unshare", "--mount", "--net", "--pid", "--ipc", "--uts", "--fork", "--mount-proc",
-             "--kill-child=KILL", str(HERE / "setup.sh"), *folders],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        if self._holder.stdout.readline() != b"ready\n":
-            raise RuntimeError("the board could not be set up (root is needed)")
-        children = f"/proc/{self._holder.pid}/task/{self._holder.pid}/children"
-        self.pid = int(Path(children).read_text().split()[0])
+        self.pid, self._lifeline = _make_board(folders)
+        self._first_process = os.pidfd_open(self.pid)
         self._home = os.open("/proc/self/ns/net", os.O_RDONLY | os.O_CLOEXEC)
         self._network = os.open(f"/proc/{self.pid}/ns/net", os.O_RDONLY | os.O_CLOEXEC)
         self._root = Path(f"/proc/{self.pid}/root")
@@ -72,10 +106,11 @@ class Board:
     def close(self):
         for opened in self._sockets:
             opened.close()
-        self._holder.kill()
-        self._holder.wait()
-        self._holder.stdin.close()
-        self._holder.stdout.close()
+        # When its first process ends, so does everything else on the board.
+        signal.pidfd_send_signal(self._first_process, signal.SIGKILL)
+        select.select([self._first_process], [], [], 10)
+        os.close(self._first_process)
+        os.close(self._lifeline)
         for process in self._started:
             process.kill()  # a stopped program's runner stops with it
             process.wait()
@@ -83,7 +118,7 @@ class Board:
         os.close(self._network)
 
     def path(self, inside):
-        """The path, seen from outside, of a file of the board."""
+        """The path of a board's file as seen from outside."""
         return self._root / str(inside).lstrip("/")
 
     def write(self, inside, content):
@@ -92,13 +127,14 @@ class Board:
         target.write_bytes(content if isinstance(content, bytes) else content.encode())
         return target
 
-    def socket(self, kind=socket.SOCK_DGRAM, bind=None, timeout=5.0):
+    def socket(self, kind=socket.SOCK_DGRAM, bind=None, timeout=5.0, family=socket.AF_INET,
+               protocol=0):
         """A socket on the board's network; closed with the board."""
-        _enter_network(self._network)
+        enter_network(self._network)
         try:
-            made = socket.socket(socket.AF_INET, kind)
+            made = socket.socket(family, kind, protocol)
         finally:
-            _enter_network(self._home)
+            enter_network(self._home)
         self._sockets.append(made)
         made.settimeout(timeout)
         if bind is not None:
@@ -106,7 +142,7 @@ class Board:
         return made
 
     def command(self, *arguments, env=None, cwd="/sys/board/app/daemon"):
-        """The command line that runs a program on the board with a clean environment."""
+        """The command line for running a program on the board with a clean environment."""
         variables = {"PATH": PATH, "HOME": "/tmp", "LANG": "C.UTF-8", **(env or {})}
         return ["nsenter", f"--target={self.pid}", "--mount", "--net", "--pid", "--ipc", "--uts",
                 f"--wd={self.path(cwd)}", "--", "/usr/bin/env", "-i",
@@ -119,12 +155,12 @@ class Board:
         return process
 
     def run(self, *arguments, **options):
-        """Runs a program on the board to its end and returns its standard output."""
+        """Runs a program on the board, waits for it and returns its standard output."""
         return subprocess.run(self.command(*arguments), check=True, stdout=subprocess.PIPE,
                               **options).stdout
 
     def log(self, storage=False):
-        """What was run on the board so far: "sh -c TEXT" and "TOOL ARGUMENTS" lines.
+        """What has been run on the board so far: "sh -c TEXT" and "TOOL ARGUMENTS" lines.
 
         The attempts to mount the recorder's storage, ten times a second, are left out unless
         `storage` is set.
@@ -133,12 +169,12 @@ class Board:
         return [line for line in lines if storage or not STORAGE_MOUNT.search(line)]
 
     def prepare_output(self, tool, text):
-        """What a stand-in prints from now on."""
+        """Sets what a stand-in prints from now on."""
         self.write(f"/sys/board/{tool}.out", text)
 
 
 class Daemon:
-    """The daemon, running on a board, with its standard error kept in a file."""
+    """The daemon, running on a board, with its standard error in a file."""
 
     def __init__(self, board, binary, error_file, env=None, runner=()):
         self.board = board
@@ -157,15 +193,15 @@ class Daemon:
                    f"{text!r} x {count} on standard error", timeout)
 
     def wait_ready(self):
-        """Waits until start-up is over and the poller runs."""
-        # The status monitor's first pass is the last to say something.
+        """Waits until start-up is complete and the poller runs."""
+        # The status monitor's first pass prints the last line.
         wait_until(lambda: "hared raw RC" in self.errors().partition("GPIO subsystem")[2],
                    "start-up done", 20.0)
-        self.wait_error("Waiting TCP client connection")  # said by a thread, at any time
+        self.wait_error("Waiting TCP client connection")  # printed by a thread, at any time
 
     @property
     def pid(self):
-        """The process id, as the host sees it."""
+        """The process id as the host sees it."""
         runner = self.process.pid
         children = Path(f"/proc/{runner}/task/{runner}/children")
         return int(wait_until(lambda: children.read_text().split(), "the daemon's process")[0])
@@ -174,7 +210,7 @@ class Daemon:
         return self.process.poll() is None
 
     def wait_exit(self, timeout=10.0):
-        """Waits for the end and returns the exit status, negative for a signal."""
+        """Waits for it to end and returns the exit status, negative for a signal."""
         return self.process.wait(timeout)
 
     def kill(self):
@@ -184,4 +220,4 @@ class Daemon:
 
 def require_root():
     if os.geteuid() != 0:
-        sys.exit("this needs root: its sandbox is made of namespaces and mounts")
+        sys.exit("root is needed: the sandbox uses namespaces and mounts")

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Turns the namespaces it runs in into a machine with the root given, and becomes its first process.
+# Turns its namespaces into a machine with the given root, and becomes its first process.
 set -eu
 root=$1
 
@@ -27,6 +27,8 @@ mkdir -p "$root/mnt/host"
 cd "$root"
 pivot_root . mnt/host
 umount -l /mnt/host
+# As on a board: a service with mounts of its own sees what is mounted later.
+mount --make-rshared /
 exec setpriv --inh-caps=-all \
     --bounding-set=-sys_boot,-sys_module,-sys_time,-sys_rawio,-mknod,-syslog,-audit_control \
     env -i container=test PATH=/usr/sbin:/usr/bin /lib/systemd/systemd

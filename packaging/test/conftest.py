@@ -13,14 +13,15 @@ import pytest
 HERE = Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE))
 
-from machine import Machine  # noqa: E402
+from machine import Client, Machine  # noqa: E402
 
 BUILD = HERE.parents[1] / "build"
 PLACE = BUILD / "package-root"
-NAMES = ("quillorbeacon", "quillorbeacon-nogpio", "quillorbeacon-tools")
+NAMES = ("quillorbeacon", "quillorbeacon-media", "quillorbeacon-nogpio", "quillorbeacon-tools",
+         "quillorbeacon-web")
 ARCHITECTURE = subprocess.run(["dpkg", "--print-architecture"], check=True, text=True,
                               stdout=subprocess.PIPE).stdout.strip()
-# /boot is a partition of its own, read-only as boards have it.
+# /boot is a separate partition, mounted read-only as on a board.
 FSTAB = "/var/lib/boot-partition /boot none bind,ro 0 0\n"
 
 
@@ -30,7 +31,7 @@ def package_file(name):
 
 
 def index(folder):
-    """Makes a folder of packages a repository."""
+    """Turns a folder of packages into a repository."""
     with open(folder / "Packages", "wb") as stream:
         subprocess.run(["dpkg-scanpackages", "."], cwd=folder, check=True, stdout=stream,
                        stderr=subprocess.DEVNULL)
@@ -42,7 +43,7 @@ def build_package(folder, target):
 
 
 def make_newer(file, folder, target):
-    """Repacks a package as one of a higher version."""
+    """Repacks a package with a higher version."""
     subprocess.run(["dpkg-deb", "-R", file, folder], check=True)
     control = folder / "DEBIAN/control"
     control.write_text(control.read_text().replace("Version: 0.8.19-1\n", "Version: 0.8.19-2\n"))
@@ -61,7 +62,7 @@ def machines():
 
 @pytest.fixture(scope="session")
 def plain(machines):
-    """The layers of a machine that has our packages and Debian's in repositories of its own."""
+    """The layers of a machine with our packages and Debian's in local repositories."""
     layer = machines / "repositories"
     for name in ("packages", "newer"):
         (layer / "srv" / name).mkdir(parents=True)
@@ -76,7 +77,7 @@ def plain(machines):
             ("etc/fstab", FSTAB),
             ("etc/apt/sources.list", "deb [trusted=yes] file:/srv/debian ./\n"
                                      "deb [trusted=yes] file:/srv/packages ./\n"),
-            # The machines' disks need not survive a loss of the host's power.
+            # The machines' disks need not survive a power failure of the host.
             ("etc/dpkg/dpkg.cfg.d/quick", "force-unsafe-io\n")):
         (layer / inside).parent.mkdir(parents=True, exist_ok=True)
         (layer / inside).write_text(text)
@@ -85,7 +86,7 @@ def plain(machines):
 
 @pytest.fixture(scope="session")
 def installed(machines, plain):
-    """The layers of a machine that a user has installed the packages on."""
+    """The layers of a machine on which a user has installed the packages."""
     with Machine(machines / "installed", *plain) as machine:
         machine.run("apt-get", "update")
         machine.run("apt-get", "install", "-y", "quillorbeacon", "quillorbeacon-tools")
@@ -93,9 +94,22 @@ def installed(machines, plain):
     return machine.disk, *plain
 
 
+@pytest.fixture(scope="session")
+def board_of_all(machines, installed):
+    with Machine(machines / "board", *installed) as made:
+        yield made
+
+
+@pytest.fixture
+def board(board_of_all):
+    """A machine with the packages installed, for tests that leave the packages and the daemon as
+    they were. They share it: its settings and its journal are what earlier tests have left."""
+    return board_of_all
+
+
 @pytest.fixture
 def place(machines):
-    """A new folder for a machine to write to, removed again."""
+    """A new folder for a machine to write to; removed after the test."""
     made = machines / "machine"
     yield made
     shutil.rmtree(made)
@@ -110,6 +124,15 @@ def bare(place, plain):
 
 @pytest.fixture
 def machine(place, installed):
-    """A machine with the packages installed."""
+    """A machine with the packages installed, for one test."""
     with Machine(place, *installed) as made:
         yield made
+
+
+@pytest.fixture
+def client(request):
+    """A client of the daemon on the test's machine; the daemon has answered it."""
+    name = "machine" if "machine" in request.fixturenames else "board"
+    made = Client(request.getfixturevalue(name))
+    made.wait_status()
+    return made

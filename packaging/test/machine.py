@@ -3,6 +3,7 @@
 import ctypes
 import json
 import os
+import select
 import socket
 import subprocess
 import time
@@ -10,12 +11,13 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 CLONE_NEWNET = 0x40000000
+UNIT = "quillorbeacon.service"
 SYSTEM_PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
-def wait_until(condition, what, timeout=30.0, interval=0.02):
+def wait_until(condition, what, timeout=120.0, interval=0.02):
     """Polls until condition() is true and returns its value; fails after `timeout` seconds."""
     end = time.monotonic() + timeout
     while True:
@@ -35,7 +37,7 @@ def _children(pid):
 
 
 class Machine:
-    """Use as a context manager. `place` is an empty folder, `layers` are folders, top one first."""
+    """Use as a context manager. `place` is an empty folder, `layers` are folders, topmost first."""
 
     def __init__(self, place, *layers):
         self.place = Path(place)
@@ -57,13 +59,13 @@ class Machine:
         self.close()
 
     def close(self):
-        """Cuts its power and takes it down."""
+        """Cuts its power and removes it."""
         self._holder.stdin.close()
         self._holder.wait()
 
     @property
     def init(self):
-        """The process id of the machine's first process, as the host sees it; 0 without one."""
+        """The process id of the machine's first process as the host sees it; 0 without one."""
         try:
             runner = int((self.place / "runner").read_text())
         except OSError:
@@ -82,11 +84,11 @@ class Machine:
         self.wait_booted()
 
     def path(self, inside):
-        """The path, seen from outside, of a file of the running machine."""
+        """The path of a running machine's file as seen from outside."""
         return Path(f"/proc/{self.init}/root") / str(inside).lstrip("/")
 
     def run(self, *command, check=True):
-        """Runs a program on the machine to its end; its standard output and error."""
+        """Runs a program on the machine and returns its standard output and error."""
         done = subprocess.run(
             ["nsenter", f"--target={self.init}", "--mount", "--net", "--pid", "--ipc", "--uts",
              "--cgroup", "--root", "--wdns=/", "--", "/usr/bin/env", "-i", f"PATH={SYSTEM_PATH}",
@@ -97,6 +99,15 @@ class Machine:
             raise AssertionError(f"{command}: status {done.returncode}\n{done.stdout}")
         return done.stdout
 
+    def main_pid(self):
+        """The daemon's process id; 0 while it does not run."""
+        return int(self.show(UNIT, "MainPID"))
+
+    def wait_restarted(self, old):
+        """Waits until the daemon runs that comes after the one with the process id `old`."""
+        wait_until(lambda: self.main_pid() not in (0, old), "another daemon")
+        Client(self).wait_status()
+
     def kill(self, pid):
         self.run("sh", "-c", f"kill -9 {pid}")
 
@@ -104,7 +115,7 @@ class Machine:
         """A property of a unit, as text."""
         return self.run("systemctl", "show", "--value", f"--property={field}", unit).strip()
 
-    def journal(self, unit="quillorbeacon.service"):
+    def journal(self, unit=UNIT):
         return self.run("journalctl", "--no-pager", "--output=cat", f"--unit={unit}")
 
     def socket(self):
@@ -136,7 +147,7 @@ class Client:
         self._socket.sendto(b"", ("127.0.0.1", 5252))
 
     def _reply(self):
-        """The payload of the next data packet; None when none comes soon."""
+        """The payload of the next data packet; None when none arrives soon."""
         try:
             packet = self._socket.recv(65536)
         except OSError:  # nothing yet, or no daemon yet
@@ -144,16 +155,25 @@ class Client:
         return packet[12:] if packet[:2] == b"R\0" else None
 
     def wait_status(self):
-        """Registers, until a status record comes."""
+        """Registers until a status record arrives, and returns it."""
         def asked():
             self.send(b"\x02\x01")
             payload = self._reply()
-            return payload is not None and len(payload) == 41 and payload[0] == 4
+            is_status = payload is not None and len(payload) == 41 and payload[0] == 4
+            return payload if is_status else None
 
-        wait_until(asked, "a status record")
+        return wait_until(asked, "a status record")
+
+    def status(self):
+        """The next status record."""
+        self._socket.setblocking(False)
+        while select.select([self._socket], [], [], 0)[0]:
+            self._reply()
+        self._socket.settimeout(0.2)
+        return self.wait_status()
 
     def section(self, name):
-        """The settings of a section, asked for as clients do."""
+        """The settings of a section, requested as clients do."""
         def asked():
             self.send({"cmd": "config_request", "param": name})
             payload = self._reply()

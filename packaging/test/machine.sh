@@ -1,19 +1,19 @@
 #!/bin/sh
-# Runs a Debian machine in namespaces until standard input ends: systemd boots in it, and again each
-# time it ends, as after a reboot. Needs root. Nothing of the host's is seen or changed: mounts,
-# network, processes, shared memory, host name and control groups are the machine's own, /proc/sys
-# and /sys are read-only, and it cannot reboot the host, load modules or set the clock.
+# Runs a Debian machine in namespaces until standard input ends. systemd boots in it, and boots
+# again each time it ends, as in a reboot. Needs root. The machine neither sees nor changes the
+# host: it has its own mounts, network, processes, shared memory, host name and control groups,
+# /proc/sys and /sys are read-only, and it cannot reboot the host, load modules or set the clock.
 #
 #   unshare --mount machine.sh PLACE LAYERS
 #
-# What the machine writes is kept in PLACE/disk, over the folders LAYERS ("upper:lower").
+# What the machine writes goes to PLACE/disk, on top of the folders LAYERS ("upper:lower").
 set -eu
 here=$(dirname "$(readlink -f "$0")")
 place=$1
 mkdir -p "$place/disk" "$place/work" "$place/root" "$place/cgroups"
 mount -t overlay overlay "$place/root" \
     -o "lowerdir=$2,upperdir=$place/disk,workdir=$place/work"
-# systemd needs control groups that it may write to: a group of its own among the host's.
+# systemd needs control groups that it can write to, so it gets its own group among the host's.
 mount -t cgroup2 cgroup2 "$place/cgroups"
 group=$place/cgroups/quillorbeacon-test-$$
 

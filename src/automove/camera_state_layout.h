@@ -1,9 +1,12 @@
 #pragma once
 
+// The layout of the shared camera state, which says where the camera points.
+// Stands on: nothing else of ours.
+
 #include <cstddef>
 
-// The shared camera state: six bytes in which the camera-side process tells where the camera
-// looks, each angle a signed 16-bit little-endian number of tenths of a degree.
+// Six bytes that the camera's process writes. Each angle is a signed 16-bit little-endian number of
+// tenths of a degree.
 
 constexpr const char *camera_state_name = "/shared_camstate";
 constexpr size_t camera_pan_at = 0;

@@ -15,14 +15,14 @@ constexpr int required_fields = 10;
 constexpr double angle_not_set = -1000.0;
 constexpr double value_not_set = -1.0;
 
-// How one field of a movement is read.
+// How to read one field of a movement.
 struct MovementField {
-    double Movement::*real;     // null for an integer
-    int32_t Movement::*integer; // null for a real
+    double Movement::*real;     // null for an integer field
+    int32_t Movement::*integer; // null for a real field
     double when_empty;
 };
 
-// In the order of the text.
+// In the order in which they appear in the text.
 constexpr MovementField fields[field_count] = {
     {&Movement::pan, nullptr, angle_not_set},  {&Movement::tilt, nullptr, angle_not_set},
     {&Movement::roll, nullptr, angle_not_set}, {&Movement::zoom, nullptr, value_not_set},
@@ -32,8 +32,8 @@ constexpr MovementField fields[field_count] = {
     {nullptr, &Movement::hold, 0.0},
 };
 
-// The table the runner plays: rebuilt by the thread that sets the list, read by the others. The
-// count publishes the values: it is stored behind them and loaded before them.
+// The table that the runner plays: rebuilt by the thread that sets the list, read by the others.
+// The count publishes the values: it is stored after them and loaded before them.
 static struct {
     std::atomic<int32_t> count;
     Relaxed<double> values[movement_capacity][field_count];
@@ -47,7 +47,7 @@ static void read_field(const MovementField &field, const char *token, Movement &
     }
 }
 
-// Reads a piece into the record; false when it lacks fields.
+// Parses one movement; false when fields are missing.
 static bool read_movement(char *piece, Movement &movement) {
     for (int i = 0; i < field_count; ++i) {
         const char *token = strsep(&piece, ",");
@@ -60,7 +60,7 @@ static bool read_movement(char *piece, Movement &movement) {
 }
 
 static void append_report(std::string &report, int number, const Movement &movement) {
-    char line[4000]; // a hostile value prints 310 digits
+    char line[4000]; // each double prints up to 310 digits
     snprintf(line, sizeof line,
              "\tnumber %d pan %1.1f tilt %1.1f roll %1.1f zoom %1.1f ev %1.1f afx %f afy %f "
              "mf %1.0f delay %d shot %d hold %d\n",
@@ -88,29 +88,44 @@ void parse_movements(const char *text, MovementList &list, std::string &report) 
     }
 }
 
+static double value_of(const Movement &movement, int index) {
+    const MovementField &field = fields[index];
+    return field.real != nullptr ? movement.*field.real : movement.*field.integer;
+}
+
+static bool is_in_table(const MovementList &list) {
+    bool is_same = list.count == movement_count();
+    for (int i = 0; is_same && i < list.count; ++i) {
+        for (int field = 0; field < field_count; ++field) {
+            is_same = is_same && table.values[i][field] == value_of(list.movements[i], field);
+        }
+    }
+    return is_same;
+}
+
 static void store_movement(int index, const Movement &movement) {
     for (int i = 0; i < field_count; ++i) {
-        const MovementField &field = fields[i];
-        table.values[index][i] =
-            field.real != nullptr ? movement.*field.real : movement.*field.integer;
+        table.values[index][i] = value_of(movement, i);
     }
 }
 
-void set_movement_list(const char *text) {
+bool set_movement_list(const char *text) {
     fprintf(stderr, "Auto movement set list %s\n", text != nullptr ? text : "(null)");
     if (text == nullptr) {
-        return;
+        return false;
     }
     MovementList list;
     std::string report;
     parse_movements(text, list, report);
-    // Empty while it is refilled: who asks for the count from now on does not play half a list.
+    const bool is_new = !is_in_table(list);
+    // Empty while it is rebuilt, so that nobody starts to play half a list.
     table.count.store(0, std::memory_order_relaxed);
     for (int i = 0; i < movement_capacity; ++i) {
         store_movement(i, list.movements[i]);
     }
     table.count.store(list.count, std::memory_order_release);
     fprintf(stderr, "Added %d movements:\n%s\n", list.count, report.c_str());
+    return is_new;
 }
 
 int movement_count() {

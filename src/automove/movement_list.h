@@ -1,14 +1,17 @@
 #pragma once
 
+// The movement list: up to twenty stored camera poses.
+// Stands on: base/relaxed, base/text.
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-// The movement list: up to twenty stored camera poses, parsed from the setting `automove_list`.
+// The list is parsed from the setting `automove_list`.
 
 constexpr int movement_capacity = 20;
 
-// One pose and what goes with it. A value outside its range means: leave that alone.
+// One pose and the camera settings that go with it. A value outside its range means: do not change.
 struct Movement {
     double pan;  // degrees; -1000: not set
     double tilt; // degrees; -1000: not set
@@ -28,15 +31,16 @@ struct MovementList {
     Movement movements[movement_capacity];
 };
 
-// Parses a list: movements separated by ";", fields by ",", in the order of the record. A piece
-// with fewer than ten fields is not counted, and the next one writes over what it left. `report`
-// gets a line per movement, cut at 9999 characters.
+// Parses a list: movements separated by ";", their fields by ",", in the order of the record. A
+// movement with fewer than ten fields is not counted, and the next one overwrites what it left.
+// `report` gets one line per movement and is truncated to 9999 characters.
 void parse_movements(const char *text, MovementList &list, std::string &report);
 
-// Parses the list into the table that the runner plays, and reports on standard error. A null text
-// changes nothing. Any thread; the runner may see a partly rebuilt table meanwhile.
-void set_movement_list(const char *text);
+// Parses the list into the table that the runner plays, and prints the report on standard error. A
+// null text changes nothing. Any thread; until it returns, the runner may see a partly rebuilt
+// table. Returns whether the list differs from the one before.
+bool set_movement_list(const char *text);
 
-// The table. `index` must be 0 to movement_capacity - 1. Any thread.
+// Read the table. `index` must be 0 to movement_capacity - 1. Any thread.
 int movement_count();
 Movement movement_at(int index);

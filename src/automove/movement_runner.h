@@ -1,22 +1,35 @@
 #pragma once
 
-// The runner plays the movement list: directly, by position commands to the data source, or
-// smoothly, by steering the gimbal until the camera looks where the movement wants it.
+// Plays the movement list.
+// Stands on: automove/camera_state_layout, automove/movement_list, automove/movement_steps,
+// config/config, media/data_source, rc/rc_block.
 
-// Maps the shared camera state and starts the movement thread. Start-up, once.
-void init_automove();
+// In direct mode it sends position commands to the data source. In smooth mode it steers the gimbal
+// until the camera points where the movement says.
 
-// Starts (any number but 0) or stops playing, and notes that in a state file. Any thread.
+// Maps the shared camera state and starts the movement thread. Returns 0, or -1 when the thread
+// cannot be started. Start-up, once.
+int init_automove();
+
+// Starts (any number but 0) or stops (0) playing, and writes the number to a state file. Any
+// thread.
 void set_automove_state(int on);
 
-// Plays one movement: in direct mode all of it, on the caller's thread, with its waits; in smooth
-// mode one pass of it, after which the movement thread goes on. Nothing for a number that is not in
-// the list. Any thread.
+// Plays one movement. In direct mode the commands are sent, with their short waits, on the caller's
+// thread; the movement thread waits the delay, takes the photo and plays on. In smooth mode it does
+// one pass, and the movement thread does the rest. Ignores a number that is not in the list. Any
+// thread.
+//
+// It ends the delay of the movement before, which then takes no photo any more. So do stopping and
+// movement_list_changed.
 void run_movement(int number);
 void move_next();
 void move_prev();
 
-// What the status record tells. Any thread.
+// Call after the list has been replaced by another. Any thread.
+void movement_list_changed();
+
+// For the status record. Any thread.
 bool automove_running();
 int automove_index();   // of the current movement
-int automove_nearest(); // of the movement nearest to the camera's position
+int automove_nearest(); // of the movement nearest to where the camera points

@@ -12,7 +12,7 @@ constexpr double smallest_ratio = 1.0;
 constexpr double largest_ratio = 5.0;
 
 __attribute__((format(printf, 1, 2))) static std::string text_of(const char *format, ...) {
-    char text[1200]; // three doubles print 310 digits each at most
+    char text[1200]; // three doubles print at most 310 digits each
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(text, sizeof text, format, arguments);
@@ -79,6 +79,7 @@ static void add_shot(const Movement &m, std::vector<MovementStep> &steps) {
     const int seconds = std::max(m.delay, 1);
     MovementStep wait = say(text_of("\tWaiting %d seconds\n", seconds));
     wait.wait_ms = static_cast<uint64_t>(seconds) * second_ms;
+    wait.is_delay = true;
     steps.push_back(wait);
     steps.push_back(say("\tMaking shot\n"));
     steps.push_back({"", true, "shot", "", "", "", "", 0});
@@ -95,7 +96,7 @@ std::vector<MovementStep> direct_movement_steps(const Movement &movement) {
     return steps;
 }
 
-// Step per pass and arrival threshold in degrees, by speed setting.
+// Step per pass and arrival threshold in degrees, for a speed setting.
 struct SmoothSpeed {
     double step;
     double threshold;
@@ -120,7 +121,7 @@ static SmoothSpeed smooth_speed(int setting) {
     }
 }
 
-// |numerator / denominator| between 1 and 5; 1 where that is no number.
+// |numerator / denominator|, clamped to 1..5; 1 when it is NaN.
 static double clamped_ratio(double numerator, double denominator) {
     const double ratio = std::fabs(numerator / denominator);
     if (!(ratio > smallest_ratio)) {
@@ -129,7 +130,7 @@ static double clamped_ratio(double numerator, double denominator) {
     return ratio < largest_ratio ? ratio : largest_ratio;
 }
 
-// One of two speeds by the side on which the error lies, 0 near the target.
+// One of two speeds, depending on the sign of the error; 0 near the target.
 static double speed_for(double error, double threshold, double if_above, double if_below) {
     if (error >= threshold) {
         return if_above;

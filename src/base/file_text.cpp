@@ -6,7 +6,7 @@
 
 std::string file_text(const char *path, size_t limit) {
     std::string text(limit, '\0');
-    // Anyone may have put a FIFO there, for whose writer nobody waits.
+    // Non-blocking: the path may be a FIFO, and open() would wait for its writer.
     const int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     const ssize_t length = fd < 0 ? 0 : read(fd, text.data(), limit);
     if (fd >= 0) {

@@ -1,6 +1,6 @@
 #include "base/free_space.h"
 
-static_assert(sizeof(fsblkcnt_t) == 8); // on a 32-bit board too, or a large disk is an error
+static_assert(sizeof(fsblkcnt_t) == 8); // on 32-bit boards too, or statvfs fails on large disks
 
 uint32_t megabytes_of(const struct statvfs &status) {
     const double bytes = static_cast<double>(status.f_bsize) * static_cast<double>(status.f_bavail);

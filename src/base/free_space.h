@@ -1,10 +1,13 @@
 #pragma once
 
+// Free space on a file system, in megabytes.
+// Stands on: nothing else of ours.
+
 #include <cstdint>
 #include <sys/statvfs.h>
 
-// Decimal megabytes free for unprivileged users on a file system, cut to whole ones.
+// Decimal megabytes available to unprivileged users, rounded down.
 uint32_t megabytes_of(const struct statvfs &status);
 
-// The same of the file system of `path`; 0 where there is none.
+// The same for the file system that holds `path`; 0 on an error. Any thread.
 uint32_t free_megabytes(const char *path);

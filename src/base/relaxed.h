@@ -1,9 +1,12 @@
 #pragma once
 
+// A number or flag that several threads share without a lock.
+// Stands on: nothing else of ours.
+
 #include <atomic>
 
-// A scalar that several threads read and write and that publishes nothing but itself. Every
-// access is a relaxed atomic, which on the boards' processors costs what a plain variable costs.
+// For a value that publishes no other data. Every access is a relaxed atomic, which on the boards'
+// processors costs no more than a plain variable.
 template <typename T>
 class Relaxed {
 public:
@@ -11,8 +14,8 @@ public:
     constexpr explicit Relaxed(T value) : value_{value} {}
     operator T() const {
         return value_.load(std::memory_order_relaxed);
-    }                      // NOLINT: reads as a T
-    T operator=(T value) { // NOLINT: writes as a T
+    }                      // NOLINT: reads like a T
+    T operator=(T value) { // NOLINT: assigns like a T
         value_.store(value, std::memory_order_relaxed);
         return value;
     }

@@ -1,6 +1,6 @@
 #include "base/version.h"
 
-// What the project, and with it its packages and programs, is built as.
+// The version that the project, with its packages and programs, is built as.
 constexpr uint8_t project_version[] = {QUILLORBEACON_VERSION};
 
 static_assert(sizeof project_version == sizeof program_version &&

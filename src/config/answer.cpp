@@ -1,11 +1,11 @@
 #include "config/answer.h"
 
 #include "base/file_text.h"
-#include "base/free_space.h"
 #include "base/shell.h"
 #include "base/version.h"
 #include "config/config.h"
 #include "config/config_keys.h"
+#include "config/disk_space.h"
 #include "config/display_modes.h"
 #include "config/wlan_iface.h"
 
@@ -19,14 +19,14 @@ constexpr size_t model_limit = 1000;
 constexpr size_t address_limit = 20;
 constexpr size_t command_output_limit = 9999;
 
-// One member of a section: a setting under the name the clients know it by, or a live fact.
+// One member of a section: a setting, under the name that clients know, or a live fact.
 struct AnswerMember {
     const char *name;
     const char *key;       // of the setting; null for a live fact
     std::string (*live)(); // the fact as JSON; null for a setting
 };
 
-// The display query busy flag: true while a display answer is being gathered.
+// The display busy flag: true while a display query is running.
 static std::atomic<bool> display_busy;
 
 static std::string quoted(const std::string &text) {
@@ -43,7 +43,7 @@ static std::string app_version() {
                   std::to_string(patch));
 }
 
-// The address that another process noted for the interface.
+// The interface's address, from the file in which another process stores it.
 static std::string interface_address(const char *setting) {
     const std::string path = std::string("/run/quillorbeacon/") + map_wlan_iface(setting) + ".ip";
     return quoted(file_text(path.c_str(), address_limit));
@@ -62,11 +62,11 @@ static std::string camera_address() {
 }
 
 static std::string free_internal() {
-    return std::to_string(free_megabytes("/mnt"));
+    return std::to_string(free_internal_megabytes());
 }
 
 static std::string free_external() {
-    return std::to_string(free_megabytes("/media"));
+    return std::to_string(free_external_megabytes());
 }
 
 static std::string zerotier_info() {
@@ -123,7 +123,7 @@ constexpr AnswerMember camera_members[] = {
     {"enabled", "internal_camera_enabled", nullptr},
     {"camera_params", "internal_camera_params", nullptr},
 };
-// The current mode stands between these and the two lists below.
+// The current mode goes between these and the two lists below.
 constexpr AnswerMember display_members[] = {
     {"enabled", "display_enabled", nullptr},     {"vflip", "display_vflip", nullptr},
     {"hflip", "display_hflip", nullptr},         {"osd", "osd_enabled", nullptr},
@@ -219,7 +219,7 @@ static std::string members_json(std::span<const AnswerMember> members) {
     return json;
 }
 
-// Gathering it takes three commands; a second query meanwhile gets nothing.
+// Runs three commands. A second query during this time gets nothing.
 static std::string display_json() {
     if (display_busy.exchange(true)) {
         return "";
@@ -235,7 +235,7 @@ static std::string display_json() {
 struct AnswerSection {
     const char *name;
     std::span<const AnswerMember> members;
-    bool trailing_comma; // stays behind the last member
+    bool trailing_comma; // after the last member
 };
 
 static const AnswerSection sections[] = {

@@ -1,14 +1,17 @@
 #pragma once
 
+// Builds the reply to a "config_request".
+// Stands on: config/config, config/config_keys, config/disk_space, config/display_modes,
+// config/wlan_iface.
+
 #include <string>
 
-// The reply to a "config_request": the settings of one section as they stand in memory, and the
-// live facts that belong to it. A JSON object written without escaping; two sections keep a comma
-// before the closing brace.
+// The reply holds the current settings of one section and the live facts that belong to it. It is a
+// JSON object written without escaping; two sections keep a comma before the closing brace.
 
-constexpr size_t config_answer_limit = 9999; // a longer reply is cut there
+constexpr size_t config_answer_limit = 9999; // a longer reply is truncated
 
-// The whole reply. An unknown section, and "display" while another display query runs, give the
-// fixed part only. Logs the reply. "display" and "zerotier" run commands and wait for them. Any
-// thread.
+// Returns the whole reply and prints it on standard error. An unknown section gives the fixed part
+// only, and so does "display" while another display query is running. "display" and "zerotier" run
+// commands and wait for them. Any thread.
 std::string build_config_answer(const char *section);

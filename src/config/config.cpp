@@ -1,6 +1,6 @@
 #include "config/config.h"
 
-// The one record: written by the loader and the update commands, read by all threads.
+// The only record: written by the loader and the update commands, read by all threads.
 static ConfigRecord record;
 
 ConfigRecord &config_record() {

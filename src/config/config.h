@@ -1,21 +1,26 @@
 #pragma once
 
+// The configuration record: every setting of the daemon, in one static object.
+// Stands on: base/relaxed.
+
 #include "base/relaxed.h"
 
 #include <cstdint>
 
-// The configuration record: every setting of the daemon, one static object. Fields are named by
-// their key in the configuration file; config_keys.cpp says how each is read.
+// Fields have the names of their keys in the configuration file; config_keys.cpp says how each is
+// read.
 //
-// The loader fills the record on the main thread before any other thread exists. Afterwards every
-// thread reads it in place and the update commands change it without a lock: a number is seen
-// whole, a text may be seen half changed but always ends within its field.
+// The loader fills the record on the main thread before any other thread exists. From then on all
+// threads read it in place, and the update commands change it without a lock: a reader never sees
+// half a number; it may see a half-changed text, but the text always ends within its field.
 
 constexpr int restream_capacity = 10;
 
 // The receivers of raw video, parsed from `stream_udp_clients`.
 struct RestreamClients {
-    // Where each entry sends to, as ipv4_port packs it; 0 when the host is no dotted address.
+    // Each entry's address, as ipv4_port packs it; 0 when its host is not a dotted address.
+    Relaxed<uint64_t> addresses[restream_capacity];
+    // Where each entry's frames go: its address, or 0 when nothing is sent to it.
     Relaxed<uint64_t> destinations[restream_capacity];
     Relaxed<int32_t> count;
 };
@@ -67,7 +72,7 @@ struct ConfigRecord {
     char stream2_rtmp_key[1000];
     Relaxed<int32_t> stream_srt_enabled;
     char stream_srt_url[1000];
-    Relaxed<int32_t> recording_enabled; // the live recording state as well
+    Relaxed<int32_t> recording_enabled; // also the live recording state
     Relaxed<uint8_t> recording_place;
     Relaxed<uint8_t> recording_gpio;     // 0: input not used
     Relaxed<uint8_t> recording_btn_gpio; // 0: input not used
@@ -103,7 +108,7 @@ struct ConfigRecord {
     Relaxed<int32_t> zerotier_enabled;
     Relaxed<int32_t> zerotier_autojoin;
     char zerotier_netid[40];
-    Relaxed<int32_t> slow_cpu; // 1 on a board whose model says "Zero"; not a key
+    Relaxed<int32_t> slow_cpu; // 1 on a board whose model contains "Zero"; not a key
 };
 
 // The record. The reference is valid for the life of the process.

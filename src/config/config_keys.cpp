@@ -20,13 +20,13 @@ static constexpr ConfigKey byte_key(const char *key, SettingKind kind,
     return {key, kind, nullptr, field, 0, 0, false, false, nullptr, nullptr, heading};
 }
 
-// Where a text lies in the record.
+// The position of a text in the record.
 struct TextField {
     size_t offset;
     size_t size;
 };
 
-// Whether a text loses its double quotes on loading, and whether it is written within some.
+// Are a text's double quotes removed on loading, and is it written in double quotes?
 struct Quotes {
     bool removed;
     bool written;
@@ -40,9 +40,9 @@ static constexpr ConfigKey text_key(const char *key, TextField field, Quotes quo
             when_empty,   on_loaded,         heading};
 }
 
-// A row for each way a key is kept in the file; the record's field has the key's name. QUOTED_TEXT
-// is written in double quotes and loses them on loading, UNQUOTED_TEXT only loses them, BARE_TEXT
-// keeps what is there.
+// One macro for each way a key is stored in the file; the record's field has the key's name.
+// QUOTED_TEXT is written in double quotes, which are removed on loading; UNQUOTED_TEXT is written
+// without them, and they are removed on loading; BARE_TEXT is stored as it is.
 #define FIELD(key)                                                                                 \
     TextField {                                                                                    \
         offsetof(ConfigRecord, key), sizeof(ConfigRecord::key)                                     \

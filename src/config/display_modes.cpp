@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <vector>
 
-// Splits at every single separator: empty pieces count.
+// Splits at every separator and keeps empty pieces.
 static std::vector<std::string> split(const std::string &text, char separator) {
     std::vector<std::string> pieces;
     size_t begin = 0;
@@ -90,7 +90,7 @@ std::string parse_current_mode(const std::string &text) {
     return members;
 }
 
-// The token behind "mode" in a line, without its colons; false when there is none.
+// Finds the token after "mode" in a line, without its colons; false when there is none.
 static bool find_mode_code(const std::string &line, std::string &code) {
     const std::vector<std::string> tokens = split(line, ' ');
     for (size_t i = 0; i + 1 < tokens.size(); ++i) {

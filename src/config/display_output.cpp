@@ -2,6 +2,7 @@
 
 #include "base/pause.h"
 #include "base/shell.h"
+#include "config/boot_turn.h"
 #include "core/process_control.h"
 
 #include <cstdio>
@@ -13,8 +14,7 @@ constexpr size_t output_limit = 9999;
 constexpr uint32_t hdmi_settle_us = 500000;
 constexpr const char *remount_boot = "mount -o rw,remount /boot > /dev/null 2>&1";
 
-// Uncomments a key of the boot firmware configuration, or comments it out; either way its value
-// goes.
+// Uncomments a key of the boot firmware configuration, or comments it out. Both delete its value.
 static void uncomment(const char *key) {
     char command[command_size];
     snprintf(command, sizeof command, "sed -i 's,^\\('#%s'=\\).*,'%s=',' /boot/config.txt", key,
@@ -29,7 +29,7 @@ static void comment_out(const char *key) {
     run_shell(command);
 }
 
-// Gives a key that is not commented out its value, which is in the shell's form already.
+// Sets the value of a key that is not commented out. `value` is already quoted for the shell.
 static void set_value(const char *key, const char *value) {
     char command[256];
     snprintf(command, sizeof command, "sed -i 's,^\\('%s'=\\).*,\\1'%s',' /boot/config.txt", key,
@@ -41,8 +41,8 @@ static void set_number(const char *key, int number) {
     set_value(key, std::to_string(number).c_str());
 }
 
-// A client's text for the replacement of a sed command, between two quoted pieces of it: what sed
-// would interpret is escaped, then what the shell would.
+// Turns a client's text into the replacement of a sed command, between two quoted parts of that
+// command: first escapes what sed would interpret, then what the shell would.
 static std::string replacement_word(const char *value) {
     std::string escaped;
     for (const char *p = value; *p != '\0' && *p != '\n' && *p != '\r'; ++p) {
@@ -58,7 +58,7 @@ static bool equals(const char *text, const char *other) {
     return strcmp(text, other) == 0;
 }
 
-// 0 for anything not known.
+// 0 for an unknown standard.
 static int composite_mode(const char *standard, const char *progressive) {
     if (equals(progressive, "P")) {
         return equals(standard, "PAL") ? 18 : equals(standard, "NTSC") ? 16 : 0;
@@ -105,6 +105,7 @@ void switch_composite_output(const char *standard, const char *aspect, const cha
     if (!save) {
         return;
     }
+    take_boot_turn();
     run_shell(remount_boot);
     const int new_mode = composite_mode(standard, progressive);
     fprintf(stderr, "new_sdtv_mode=%d\n", new_mode);
@@ -113,9 +114,10 @@ void switch_composite_output(const char *standard, const char *aspect, const cha
     save_composite_output(new_mode, new_aspect);
     run_shell("sync");
     run_shell("umount /boot  > /dev/null 2>&1 ; mount /boot > /dev/null 2>&1");
-    // Composite output takes over from HDMI only after a restart.
+    end_boot_turn();
+    // Composite output replaces HDMI only after a reboot.
     if (contains(current_output(), "HDMI")) {
-        run_shell("reboot");
+        reboot_between_turns();
     }
     restart_display_processes();
 }
@@ -139,6 +141,7 @@ static void save_hdmi_mode(const char *group, const char *mode) {
 }
 
 static void save_hdmi_output(const char *group, const char *mode, bool is_preferred) {
+    take_boot_turn();
     run_shell(remount_boot);
     comment_out("hdmi_ignore_hotplug");
     uncomment("hdmi_force_hotplug");
@@ -152,9 +155,10 @@ static void save_hdmi_output(const char *group, const char *mode, bool is_prefer
     }
     run_shell("sync");
     run_shell("umount /boot > /dev/null 2>&1 ; mount /boot > /dev/null 2>&1");
+    end_boot_turn();
     const std::string output = current_output();
     if (contains(output, "PAL") || contains(output, "NTSC")) {
-        run_shell("reboot");
+        reboot_between_turns();
     }
 }
 

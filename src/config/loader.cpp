@@ -3,11 +3,15 @@
 #include "base/text.h"
 #include "config/config_keys.h"
 
+#include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <ini.h>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
-// The longest line that is read whole, with its line end and a zero.
+// Room for one line with its line end and the terminating zero; a longer line is not read whole.
 constexpr int line_buffer_size = 10000;
 
 static void store_text(ConfigRecord &target, const ConfigKey &row, const char *value,
@@ -63,12 +67,12 @@ void change_setting(ConfigRecord &target, const char *key, const char *value) {
         store_number(target, *row, parse_number(value));
         return;
     }
-    // A line end would let the value smuggle another key into the file.
+    // A line end in the value could smuggle another key into the file.
     const std::string line(value, strcspn(value, "\r\n"));
     store_text(target, *row, line.c_str(), false);
 }
 
-// Keys count only before the first section header.
+// Keys after the first section header are ignored.
 static int handle_key(void *user, const char *section, const char *key, const char *value) {
     if (section[0] != '\0') {
         return 0;
@@ -76,8 +80,8 @@ static int handle_key(void *user, const char *section, const char *key, const ch
     return load_setting(*static_cast<ConfigRecord *>(user), key, value);
 }
 
-// Debian's inih takes these from global variables; its own line buffer would be 200 bytes. Every
-// line stands for itself: one that begins with a blank does not continue the line before.
+// Debian's inih takes these options from global variables; its default line buffer has 200 bytes.
+// Multi-line values are off: a line that begins with a blank does not continue the one before.
 static void set_up_parser() {
     static char start_comments[] = ";#";
     static char inline_comments[] = ";";
@@ -94,10 +98,28 @@ static void set_up_parser() {
     ini_stop_on_first_error = false;
 }
 
+// Returns null for what is no file, and never waits for the other end of a FIFO.
+static FILE *open_regular_file(const char *path) {
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat status {};
+    const bool is_file = fd >= 0 && fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    FILE *file = is_file ? fdopen(fd, "r") : nullptr;
+    if (fd >= 0 && file == nullptr) {
+        close(fd);
+    }
+    return file;
+}
+
 int load_config(const char *path) {
     set_up_parser();
     ConfigRecord &record = config_record();
     std::memset(static_cast<void *>(&record), 0, sizeof record);
-    // Positive: the first bad line, which is not fatal. Negative: no file, or no memory.
-    return ini_parse(path, handle_key, &record) >= 0 ? 0 : -1;
+    // Positive: the number of the first bad line, which is not fatal. Negative: no file or no
+    // memory.
+    FILE *file = open_regular_file(path);
+    const int result = file == nullptr ? -1 : ini_parse_file(file, handle_key, &record);
+    if (file != nullptr) {
+        fclose(file);
+    }
+    return result >= 0 ? 0 : -1;
 }

@@ -1,17 +1,20 @@
 #pragma once
 
+// Reads the configuration file into the record, and stores single settings.
+// Stands on: config/config, config/config_keys.
+
 #include "config/config.h"
 
 // Zeroes the record and reads the configuration file `path` into it. Returns 0 when the file was
-// read, whatever lines in it were rejected, and -1 when it could not be. Start-up only.
+// read, even if some lines were rejected, and -1 when it could not be read. Start-up only.
 int load_config(const char *path);
 
-// Stores one setting, given as the file gives it: 1 when the key is known, 0 otherwise. Texts are
-// cut to their field, then lose their double quotes where the key says so; a number is what
-// parse_number makes of the value. `value` is never used as a format.
+// Stores one setting from the file. Returns 1 when the key is known, 0 otherwise. A text is
+// truncated to its field, and then its double quotes are removed if the key says so; a number is
+// parsed with parse_number. `value` is never used as a format.
 int load_setting(ConfigRecord &record, const char *key, const char *value);
 
-// Stores one setting, given as a client gives it: a text is cut at its first line end and to its
-// field, and keeps its quotes; an empty static mask becomes the default one. An unknown key changes
+// Stores one setting from a client. A text ends at its first line end, is truncated to its field
+// and keeps its quotes; an empty static mask becomes the default one. An unknown key changes
 // nothing.
 void change_setting(ConfigRecord &record, const char *key, const char *value);

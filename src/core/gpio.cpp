@@ -11,8 +11,8 @@ constexpr unsigned gpio_socket_port = 8890;
 constexpr unsigned primary_dma_channel = 8;
 constexpr unsigned secondary_dma_channel = 6;
 
-// What the process does at each signal, by its number. Those that nobody may change are left out:
-// the kernel refuses them both times.
+// The process's action for each signal, by signal number. Signals whose action cannot be changed
+// stay out of it: the kernel refuses to report them and to set them.
 using SignalActions = std::array<struct sigaction, NSIG>;
 
 static SignalActions signal_actions() {
@@ -23,7 +23,7 @@ static SignalActions signal_actions() {
     return actions;
 }
 
-// All but SIGPIPE: the library's own threads write to sockets that may be gone.
+// All but SIGPIPE: the library's own threads write to sockets that may be closed.
 static void restore_signal_actions(const SignalActions &actions) {
     for (int signal = 1; signal < NSIG; ++signal) {
         if (signal != SIGPIPE) {
@@ -32,8 +32,9 @@ static void restore_signal_actions(const SignalActions &actions) {
     }
 }
 
-// The library takes all signals over. Left so, each command's end would interrupt the calls that
-// other threads wait in, and the daemon would not end by the signal that ends it.
+// The library installs handlers for all signals. If they stayed, the end of every shell command
+// would interrupt the system calls that other threads block in, and signals meant to end the daemon
+// would not.
 static bool initialise_library() {
     const SignalActions actions = signal_actions();
     const bool is_initialised = gpioInitialise() >= 0;

@@ -1,15 +1,16 @@
 #pragma once
 
-// The board's GPIO inputs, through the GPIO library. Where that has failed to start, every call
-// below fails too and the level reads as a negative number.
+// The board's GPIO inputs, through the GPIO library.
+// Stands on: config/config.
 
-// Configures and starts the GPIO library; says on standard error how it went. Of the signal
-// handlers that it sets only SIGPIPE's stays. Start-up only.
+// Configures and starts the GPIO library, and reports the result on standard error. Of the signal
+// handlers that the library installs only the one for SIGPIPE stays. If it fails, so does every
+// call below. Start-up only.
 void start_gpio();
 
 struct ConfigRecord;
 
-// Makes the pins that the configuration uses inputs with their pull-ups on. Any thread.
+// Configures the pins that the settings name as inputs with pull-ups. Any thread.
 void use_inputs(const ConfigRecord &config);
 
 // 0, 1, or negative on failure. Any thread.

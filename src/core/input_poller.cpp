@@ -29,7 +29,7 @@ InputAction examine_trigger(int level, bool recording) {
     return wanted == recording ? InputAction::none : toggle(recording);
 }
 
-// Tells a new press from a held or released button.
+// Is this a new press, not a held or released button?
 static bool pressed_now(int &seen, int level) {
     const bool is_new = level == 0 && seen != 1;
     seen = level == 0 ? 1 : 0;
@@ -72,13 +72,13 @@ InputState initial_input_state() {
     return {button != 0 ? read_level(button) : 0, shot != 0 ? read_level(shot) : 0, 0};
 }
 
-// One input: `examine` tells what its level asks for.
+// Polls one input; `examine` returns the action for its level.
 static void poll_input(InputState &state, uint8_t pin,
                        InputAction (*examine)(InputState &state, int level)) {
     const int level = read_level(pin);
     if (input_is_due(state, now_ms())) {
         carry_out(examine(state, level));
-        state.last_input_event_ms = now_ms(); // the action may have taken long
+        state.last_input_event_ms = now_ms(); // read again: the action may have taken long
     }
 }
 
@@ -90,7 +90,7 @@ static InputAction examine_live_button(InputState &state, int level) {
     return examine_button(state, level, is_recording());
 }
 
-// The settings change at any time: each is read when its input's turn has come.
+// The settings may change at any time, so each is read just before its input is polled.
 void poll_inputs(InputState &state) {
     const ConfigRecord &config = config_record();
     if (const uint8_t trigger = config.recording_gpio; trigger != 0) {

@@ -9,10 +9,11 @@
 constexpr int kill_signal = 9;
 constexpr int recorder_signal = 10; // SIGUSR1
 constexpr const char *recorder_name = "recorder";
+constexpr const char *stop_cameras_command = "cd ../cams ; ./kill-cams.sh ; cd ..";
 constexpr size_t command_size = 256;
 constexpr size_t pid_digits = 9;
 
-// The first process id that pidof prints for the name; below 1 when there is none.
+// The first process id that pidof prints for the name; less than 1 when there is none.
 static int32_t find_process(const char *name) {
     char command[command_size];
     snprintf(command, sizeof command, "pidof %s", name);
@@ -51,4 +52,8 @@ void stop_tft_display_processes() {
     kill_process_by_name("tft-display-waveshare20");
     kill_process_by_name("tft-display-waveshare35a");
     kill_process_by_name("tft-display-waveshare35b");
+}
+
+void stop_camera_processes() {
+    run_shell(stop_cameras_command);
 }

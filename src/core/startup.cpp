@@ -2,15 +2,21 @@
 
 #include "automove/movement_list.h"
 #include "automove/movement_runner.h"
+#include "base/error_stream.h"
 #include "base/file_text.h"
+#include "base/own_ports.h"
 #include "base/process_end.h"
 #include "base/shell.h"
 #include "base/text.h"
 #include "base/version.h"
+#include "config/boot_turn.h"
 #include "config/config.h"
 #include "config/loader.h"
+#include "config/restream_clients.h"
 #include "config/wired_address.h"
+#include "config/writer.h"
 #include "core/gpio.h"
+#include "core/storage.h"
 #include "media/audio_source.h"
 #include "media/data_source.h"
 #include "media/internal_camera.h"
@@ -31,19 +37,27 @@
 #include <bcm_host.h>
 #endif
 
-constexpr uint16_t data_port = 5000;
-constexpr uint16_t video_port = 5001;
 constexpr uint16_t internal_camera_port = 5002;
-constexpr uint16_t audio_port = 5003;
 constexpr const char *config_file = "/run/quillorbeacon/config.conf";
 constexpr const char *gpio_pid_file = "/var/run/pigpio.pid";
 constexpr const char *default_camera_params =
     "-w 1280 -h 720 -fps 48 --bitrate 2000000 --preview 100,100,320,200";
 constexpr size_t model_size = 100;
 
+[[noreturn]] static void fail_start(const char *line) {
+    fputs(line, stderr);
+    end_process(exit_status_failure);
+}
+
 static void load_settings() {
     fputs("Loading config file... ", stderr);
-    fputs(load_config(config_file) == 0 ? "done\n" : "failed\n", stderr);
+    if (load_config(config_file) == 0) {
+        fputs("done\n", stderr);
+        report_restreaming(config_record());
+        return;
+    }
+    fputs("failed\n", stderr);
+    keep_boot_file_before_first_save();
 }
 
 static void detect_board(ConfigRecord &config) {
@@ -84,7 +98,7 @@ static void start_video_core() {
 }
 
 static int start_control() {
-    return init_control_server(control_port, dispatch_client_packet);
+    return init_control_server(control_port, client_turn, dispatch_client_packet);
 }
 
 static int start_tcp() {
@@ -107,7 +121,7 @@ static int start_data() {
     return init_data_source(data_port, dispatch_source_command);
 }
 
-// A server: what is said before and after it is started, and when it cannot be.
+// A server, with the lines printed before and after its start and on failure.
 struct ServerStep {
     const char *before;
     int (*start)();
@@ -116,7 +130,7 @@ struct ServerStep {
     bool on_slow_boards;
 };
 
-// In this order.
+// Started in this order.
 constexpr ServerStep server_steps[] = {
     {"Init UDP server\n", start_control, "UDP server init failed\n", "Init UDP done\n", true},
     {"Init TCP server\n", start_tcp, "TCP server init failed\n", "Init TCP done\n", true},
@@ -127,7 +141,7 @@ constexpr ServerStep server_steps[] = {
     {"Init data source server\n", start_data, "Data source server init failed\n",
      "Data source server init done\n", true},
     {"Init internal camera source server\n", start_internal_camera,
-     "Internal camera source server init failed\n", "Internal camera source server init done\n",
+     "Internal camera source server init failed\n", "Init internal camera source server done\n",
      false},
     {"Init file transfer\n", init_file_download, "File transfer init failed\n",
      "File transfer init done\n", true},
@@ -136,8 +150,7 @@ constexpr ServerStep server_steps[] = {
 static void start_server(const ServerStep &step) {
     fputs(step.before, stderr);
     if (step.start() != 0) {
-        fputs(step.failed, stderr);
-        end_process(exit_status_failure);
+        fail_start(step.failed);
     }
     fputs(step.after, stderr);
 }
@@ -146,18 +159,32 @@ static void start_rc(const ConfigRecord &config) {
     if (config.slow_cpu != 0) {
         return;
     }
-    init_rc();
+    if (init_rc() != 0) {
+        fail_start("RC init failed\n");
+    }
     load_rc_channels(rc_block(), 0, config.rc1_channels);
     load_rc_channels(rc_block(), 1, config.rc2_channels);
 }
 
 static void start_automove(const ConfigRecord &config) {
-    init_automove();
+    if (init_automove() != 0) {
+        fail_start("Auto movement init failed\n");
+    }
     set_movement_list(config.automove_list);
     set_automove_state(config.automove_enabled);
 }
 
+static void start_storage(const ConfigRecord &config) {
+    if (config.slow_cpu == 0 && init_storage() != 0) {
+        fputs("Storage init failed\n", stderr);
+        end_process(exit_status_failure);
+    }
+}
+
 void start_up() {
+    fill_standard_descriptors();
+    use_patient_error_stream();
+    prepare_process_end(end_boot_turns);
     run_shell("mkdir -p /run/quillorbeacon");
     fprintf(stderr, "Quillorbeacon-NG v.%d.%d.%d\n", program_version[0], program_version[1],
             program_version[2]);
@@ -178,4 +205,5 @@ void start_up() {
     unlink(gpio_pid_file);
     start_gpio();
     use_inputs(config);
+    start_storage(config);
 }

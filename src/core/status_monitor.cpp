@@ -2,14 +2,15 @@
 
 #include "automove/movement_list.h"
 #include "automove/movement_runner.h"
+#include "base/bytes.h"
 #include "base/clock.h"
 #include "base/file_text.h"
-#include "base/free_space.h"
-#include "base/shell.h"
+#include "base/shared_memory.h"
 #include "base/text.h"
 #include "base/version.h"
 #include "config/config.h"
 #include "config/wlan_iface.h"
+#include "core/storage.h"
 #include "media/data_source.h"
 #include "media/video_source.h"
 #include "net/relay.h"
@@ -49,17 +50,6 @@ constexpr size_t video_present_at = 40;
 static_assert(video_present_at + 1 == status_record_size);
 
 constexpr uint8_t status_kind = 4;
-constexpr const char *internal_mount = "/mnt";
-constexpr const char *external_mount = "/media";
-constexpr const char *external_disk = "/dev/sda";
-constexpr const char *place_file = "/run/quillorbeacon/recorder_place";
-constexpr const char *mount_internal = "mount /dev/mmcblk0p3 /mnt -o noatime > /dev/null 2>&1";
-constexpr const char *mount_external[] = {
-    "mount /dev/sda0 /media -o noatime > /dev/null 2>&1",
-    "mount /dev/sda1 /media -o noatime > /dev/null 2>&1",
-    "mount /dev/sda2 /media -o noatime > /dev/null 2>&1",
-    "mount /dev/sda3 /media -o noatime > /dev/null 2>&1",
-};
 constexpr size_t number_size = 100;
 constexpr size_t path_size = 100;
 constexpr uint32_t map_retry_ms = 1000;
@@ -109,16 +99,6 @@ void fill_status_record(const BoardStatus &status, const ConfigRecord &config, u
     record[video_present_at] = status.video_present ? 1 : 0;
 }
 
-Storage choose_storage(uint32_t internal_megabytes, uint32_t external_megabytes) {
-    if (internal_megabytes == 0 && external_megabytes == 0) {
-        return {storage_none, 0};
-    }
-    if (external_megabytes < internal_megabytes) {
-        return {storage_internal, internal_megabytes};
-    }
-    return {storage_external, external_megabytes};
-}
-
 static bool exists(const char *path) {
     return access(path, F_OK) == 0;
 }
@@ -129,13 +109,13 @@ static bool is_connected(const char *setting) {
     return exists(path);
 }
 
-// The number that a file begins with; 0 without the file.
+// The number at the start of a file; 0 when there is no such file.
 static int32_t number_in(const char *path) {
     return parse_number(file_text(path, number_size).c_str());
 }
 
-// The age of the time that a file begins with, which parse_number would cut in the year 2038; 0
-// without one.
+// Seconds since the time at the start of a file; 0 when there is none. parse_number would clamp
+// that time after 2038.
 static uint32_t seconds_since(const char *path) {
     const long long timestamp = strtoll(file_text(path, number_size).c_str(), nullptr, 10);
     if (timestamp == 0) {
@@ -144,85 +124,31 @@ static uint32_t seconds_since(const char *path) {
     return static_cast<uint32_t>(time(nullptr)) - static_cast<uint32_t>(timestamp);
 }
 
-static void mount_external_disk() {
-    for (const char *command : mount_external) {
-        run_shell(command);
-    }
-}
-
-static void tell_recorder(const char *mount_point) {
-    FILE *file = fopen(place_file, "we");
-    if (file != nullptr) {
-        fputs(mount_point, file);
-        fclose(file);
-    }
-}
-
-static Storage use_storage(StoragePlace place, const char *mount_point) {
-    const uint32_t megabytes = free_megabytes(mount_point);
-    if (megabytes == 0) {
-        fprintf(stderr, "No free space on %s or no drive mounted\n", mount_point);
-        return {storage_none, 0};
-    }
-    tell_recorder(mount_point);
-    return {place, megabytes};
-}
-
-static Storage use_internal() {
-    run_shell(mount_internal);
-    return use_storage(storage_internal, internal_mount);
-}
-
-static Storage use_external() {
-    if (!exists(external_disk)) {
-        tell_recorder(external_mount);
-        return {storage_external, 0};
-    }
-    mount_external_disk();
-    return use_storage(storage_external, external_mount);
-}
-
-static Storage use_the_freer_one() {
-    run_shell(mount_internal);
-    mount_external_disk();
-    const Storage chosen =
-        choose_storage(free_megabytes(internal_mount), free_megabytes(external_mount));
-    if (chosen.place == storage_none) {
-        fputs("No free space on any storage\n", stderr);
-    } else {
-        tell_recorder(chosen.place == storage_internal ? internal_mount : external_mount);
-    }
-    return chosen;
-}
-
-static Storage examine_storage(const ConfigRecord &config) {
-    if (config.slow_cpu != 0) {
-        return {storage_not_examined, 0};
-    }
-    switch (config.recording_place) {
-    case storage_internal:
-        return use_internal();
-    case storage_external:
-        return use_external();
-    default:
-        return use_the_freer_one();
-    }
-}
-
-// The RC reader's block, opened on the first call; null when that failed. It is then tried again,
-// not in each of ten passes a second: a failure is said on standard error.
+// The RC reader's block, opened on the first call; null when that failed. It is then tried again
+// once a second.
 static const uint8_t *states_block() {
     static const uint8_t *block;
+    static MapTry next_try = MapTry::first;
     static uint32_t tried_at = now_ms() - map_retry_ms;
     const uint32_t now = now_ms();
     if (block == nullptr && now - tried_at >= map_retry_ms) {
         tried_at = now;
-        block = open_rc_block();
+        block = open_rc_block(next_try);
+        next_try = MapTry::again;
     }
     return block;
 }
 
-// What files tell.
+// What was truncated while /dev/shm was full comes back when there is room.
+static void map_what_is_detached() {
+    static uint32_t tried_at;
+    if (now_ms() - tried_at >= map_retry_ms) {
+        tried_at = now_ms();
+        map_detached_memory();
+    }
+}
+
+// Status that comes from files.
 static void read_files(BoardStatus &status, const ConfigRecord &config) {
     status.access_point_active = exists("/run/quillorbeacon/ap.active");
     status.wifi_connected = is_connected(config.wifi_iface);
@@ -234,7 +160,7 @@ static void read_files(BoardStatus &status, const ConfigRecord &config) {
     status.millidegrees = number_in("/sys/class/thermal/thermal_zone0/temp");
 }
 
-// What other threads and programs keep in memory.
+// Status that other threads and programs keep in memory.
 static void read_memory(BoardStatus &status) {
     status.client_count = relay_clients().count;
     status.data_present = data_source_present();
@@ -249,13 +175,13 @@ static void read_memory(BoardStatus &status) {
 }
 
 void poll_status() {
+    map_what_is_detached();
     const ConfigRecord &config = config_record();
     BoardStatus status{};
     read_files(status, config);
-    status.storage = examine_storage(config);
-    // Last: mounting takes long, and this changes meanwhile.
+    status.storage = chosen_storage();
     read_memory(status);
-    RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): only its start is used
+    RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init): only the start is used
     fill_status_record(status, config, packet.payload);
     set_payload_length(packet, status_record_size);
     relay_to_clients(relay_type_data, packet);

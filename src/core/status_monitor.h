@@ -1,26 +1,19 @@
 #pragma once
 
+// Sends the status record.
+// Stands on: automove/movement_list, automove/movement_runner, config/config, config/wlan_iface,
+// core/storage, media/data_source, media/video_source, net/relay, rc/rc_block.
+
+#include "core/storage.h"
+
 #include <cstddef>
 #include <cstdint>
 
-// The status record that all clients get ten times a second.
+// All clients get the record ten times a second.
 
 constexpr size_t status_record_size = 41;
 
-// Where recordings go, as the record tells it.
-enum StoragePlace : uint8_t {
-    storage_not_examined = 0,
-    storage_internal = 1, // /mnt
-    storage_external = 2, // /media
-    storage_none = 255,   // nowhere is free space
-};
-
-struct Storage {
-    StoragePlace place;
-    uint32_t free_megabytes;
-};
-
-// What the record tells that is not a setting.
+// Everything in the record that is not a setting.
 struct BoardStatus {
     uint8_t client_count;
     bool access_point_active;
@@ -28,7 +21,7 @@ struct BoardStatus {
     bool camera_connected;
     bool data_present;
     bool video_present;
-    int32_t rtmp_number; // numbers that the helper services publish
+    int32_t rtmp_number; // published by the helper services
     int32_t recorder_number;
     int32_t rtsp_number;
     uint32_t srt_seconds; // since the SRT client connected, 0: unknown
@@ -39,7 +32,7 @@ struct BoardStatus {
     bool movement_running;
     int movement_index;
     int movement_count;
-    int movement_nearest; // to the camera's position
+    int movement_nearest; // to where the camera points
 };
 
 struct ConfigRecord;
@@ -47,10 +40,6 @@ struct ConfigRecord;
 // Writes the record's status_record_size bytes.
 void fill_status_record(const BoardStatus &status, const ConfigRecord &config, uint8_t *record);
 
-// The automatic choice between the two places' free megabytes: the larger one, external on a tie,
-// none when both are 0.
-Storage choose_storage(uint32_t internal_megabytes, uint32_t external_megabytes);
-
-// Gathers the board's status, mounts and chooses the storage for the recorder (not on a slow
-// board) and sends the record to all clients. Main thread.
+// Gathers the board's status and sends the record to all clients. Never waits for a program or a
+// disk. Main thread.
 void poll_status();

@@ -12,12 +12,13 @@ constexpr uint32_t silence_ms = 1000;
 constexpr uint32_t loss_check_us = 1000000;
 
 static UdpEndpoint audio_endpoint;
-// The receive buffer is the payload of the packet that is relayed: nothing is copied.
+// The receive buffer is the payload of the relayed packet, so nothing is copied.
 static RelayPacket staging;
-static Relaxed<uint8_t> present; // 1: found, 0: lost; only kept, nobody asks for it
+static Relaxed<uint8_t> present; // 1: found, 0: lost; not read anywhere
 
 static void *run_receive_thread(void * /*unused*/) {
     name_thread("audio-rx");
+    precede_other_threads(true);
     udp_endpoint_run(audio_endpoint);
 }
 

@@ -15,8 +15,8 @@ constexpr uint32_t keep_alive_us = 1000000;
 constexpr size_t command_size = 1024;
 
 static UdpEndpoint data_endpoint;
-// The receive buffer is the payload of the packet that is relayed: nothing is copied. One byte
-// more than is received keeps a text that fills it ending in a zero.
+// The receive buffer is the payload of the relayed packet, so nothing is copied. The extra byte
+// makes sure that a text that fills the payload ends with a zero.
 static struct {
     RelayPacket packet;
     uint8_t terminator;
@@ -26,6 +26,7 @@ static SourceCommandHandler handle_command;
 
 static void *run_receive_thread(void * /*unused*/) {
     name_thread("data-rx");
+    precede_other_threads(true);
     udp_endpoint_run(data_endpoint);
 }
 
@@ -33,7 +34,10 @@ static void on_packet(uint8_t *data, uint16_t length, const char *host, uint16_t
     set_payload_length(staging.packet, length);
     relay_to_clients(relay_type_data, staging.packet);
     if (data[0] == '{' && handle_command != nullptr) {
+        // The programs that it starts must not go before the relay.
+        precede_other_threads(false);
         handle_command(data, length, host, port);
+        precede_other_threads(true);
     }
 }
 

@@ -1,21 +1,25 @@
 #pragma once
 
+// Takes frames out of a ring in shared memory.
+// Stands on: media/frame_ring_layout.
+
+#include "base/shared_memory.h"
+
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 
-// A frame ring in shared memory, and taking one frame out of it. frame_ring_layout.h has the
-// layout.
+// A frame ring in shared memory; frame_ring_layout.h has its layout.
 struct FrameRing {
     const char *name;
     uint32_t frame_capacity;
-    // The mapping; null until it is prepared. Once set it never changes, even when the shared
-    // memory behind it is opened anew.
+    // The mapping; null until the ring is prepared. Once set it never changes, even when the shared
+    // memory is reopened.
     std::atomic<uint8_t *> base;
+    uint32_t restorations_seen; // by renew_ring_marks
 };
 
-// The identifier of the last frame seen in any ring: 32-bit values, so that the first ones match
-// no frame.
+// The identifier of the last frame seen in any ring. The initial 32-bit values match no frame.
 struct FrameIdentifier {
     uint32_t number = 0xFFFFFFFF;
     uint32_t byte = 0xFFFFFFFF;
@@ -24,26 +28,33 @@ struct FrameIdentifier {
 enum class TakeResult : uint8_t {
     none,       // nothing is ready
     frame,      // a frame was taken
-    duplicate,  // a frame was taken that has been seen already
-    bad_index,  // the read index was out of range and is 0 now
-    bad_length, // a frame longer than its slot was given up
+    duplicate,  // a frame was taken that has already been seen
+    bad_index,  // the read index was out of range and is now 0
+    bad_length, // a frame longer than its slot was skipped
 };
 
 struct TakenFrame {
     TakeResult result;
     const uint8_t *data; // in the ring: valid until the next frame is taken
-    uint32_t length;     // of the frame, also a bad one
-    unsigned index;      // the read index as it was found, also a bad one
+    uint32_t length;     // of the frame, even a bad one
+    unsigned index;      // the read index before the call, even a bad one
 };
 
 // Opens or creates the ring's shared memory, maps it and sets its two marks. An existing ring keeps
-// its slots and read index. Called again, it opens the object anew at the same address. A failure
-// is one line on standard error and leaves the ring as it was: at first unmapped, later with the
-// mapping it has. Any thread; several at once do no harm, as each puts the same object at the same
-// address. (Where start-up's call has failed, two at once may map it twice: one mapping is never
-// used.)
-void prepare_frame_ring(FrameRing &ring);
+// its slots and read index. A further call reopens the object at the same address. A failure prints
+// one line on standard error and leaves the ring unchanged: unmapped at first, later with its
+// present mapping. Any thread, several at once: each maps the same object at the same address. (If
+// start-up's call has failed, two concurrent calls may create two mappings; one is never used.)
+// `which` as for map_shared_memory, which gives the heads of all slots their memory.
+void prepare_frame_ring(FrameRing &ring, MapTry which = MapTry::first);
 
-// Takes the next frame of a ring at `base`, if one is ready: advances the read index, clears the
-// slot's ready flag and compares and remembers the identifier. One reader only.
+// Sets the two marks of a prepared ring again if its shared memory has been restored, filled with
+// zeros, after another program truncated it. Only the thread that takes frames.
+void renew_ring_marks(FrameRing &ring);
+
+// Takes the next frame of the ring at `base`, if one is ready: advances the read index, clears the
+// slot's ready flag, and compares and stores the identifier. One reader only.
 TakenFrame take_frame(uint8_t *base, uint32_t frame_capacity, FrameIdentifier &last);
+
+// Are more than `count` frames waiting to be taken? Any thread.
+bool more_frames_wait(uint8_t *base, uint32_t frame_capacity, unsigned count);

@@ -1,32 +1,34 @@
 #pragma once
 
+// The layout of the frame rings, the shared memory through which video reaches the daemon.
+// Stands on: nothing else of ours.
+
 #include <cstddef>
 #include <cstdint>
 
-// The frame rings: shared memory through which the video source and the transcoder hand encoded
-// frames to the daemon. A ring is a header and 200 slots; numbers are little-endian and lie at any
-// address, so they are read byte by byte.
+// The video source fills one ring with encoded frames, the transcoder another. A ring is a header
+// and 200 slots. Numbers are little-endian and may be unaligned, so they are read byte by byte.
 //
 // The producer fills a slot (length, identifier, data) and sets its ready flag last. The daemon
-// takes slots in order, the one at the read index next, and clears the ready flag when it takes
-// the frame, before it reads it: until the next one is taken the producer leaves that slot alone. A
-// frame whose identifier equals that of the frame before is dropped.
-// docs/source-protocol.md tells a producer what to do, with an example in C.
+// takes the slots in order, starting at the read index. It clears the ready flag when it takes a
+// frame, before it reads the data: the producer leaves that slot alone until the next frame is
+// taken. A frame with the same identifier as the one before is dropped. docs/source-protocol.md
+// explains what a producer must do, with an example in C.
 
 constexpr const char *main_ring_name = "quillorbeacon_framebuffer";
 constexpr const char *transcoding_ring_name = "quillorbeacon_framebuffer_transcoding";
 
-// The ring. The daemon sets the two marks whenever it prepares a ring.
+// The ring header. The daemon sets the two marks whenever it prepares a ring.
 constexpr size_t ring_mark0_at = 0;      // u8, 1
 constexpr size_t ring_mark1_at = 1;      // u8, 0
 constexpr size_t ring_read_index_at = 6; // u16, 0 to 199, written by the daemon
 constexpr size_t ring_header_size = 24;
 constexpr unsigned ring_slot_count = 200;
 
-// A slot.
+// One slot.
 constexpr size_t slot_length_at = 0;          // u32, bytes of data; 0: empty
 constexpr size_t slot_identifier_at = 4;      // u16
-constexpr size_t slot_identifier_byte_at = 6; // u8, second part of the identifier
+constexpr size_t slot_identifier_byte_at = 6; // u8, the second part of the identifier
 constexpr size_t slot_ready_at = 9;           // u8, not 0: a frame is waiting
 constexpr size_t slot_data_at = 18;           // the frame, one H.264 access unit
 

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-// The printed form of an address: "192.168.1.2" and 40000.
+// An address in printable form, such as "192.168.1.2" and 40000.
 struct ClientName {
     char host[ipv4_text_size];
     int port;
@@ -31,9 +31,13 @@ static ClientSlot *find_slot(ClientRegistry &registry, Ipv4Port address) {
     return nullptr;
 }
 
-static void occupy(ClientSlot &slot, Ipv4Port address, bool data_only, uint32_t now) {
+static void occupy(ClientRegistry &registry, ClientSlot &slot, Ipv4Port address, bool data_only,
+                   uint32_t now) {
+    const uint64_t client = address | (data_only ? client_data_only : 0);
     slot.last_seen_ms = now;
-    slot.client.store(address | (data_only ? client_data_only : 0), std::memory_order_release);
+    if (slot.client.exchange(client, std::memory_order_acq_rel) != client) {
+        registry.version.fetch_add(1, std::memory_order_release);
+    }
 }
 
 void register_client(ClientRegistry &registry, Ipv4Port address, bool data_only, uint32_t now) {
@@ -42,14 +46,14 @@ void register_client(ClientRegistry &registry, Ipv4Port address, bool data_only,
     }
     ClientSlot *known = find_slot(registry, address);
     if (known != nullptr) {
-        occupy(*known, address, data_only, now);
+        occupy(registry, *known, address, data_only, now);
         return;
     }
     ClientSlot *free_slot = find_slot(registry, 0);
     if (free_slot == nullptr) {
         return;
     }
-    occupy(*free_slot, address, data_only, now);
+    occupy(registry, *free_slot, address, data_only, now);
     const ClientName name = name_of(address);
     fprintf(stderr, "UDP server: New client connected from %s:%d %s\n", name.host, name.port,
             data_only ? "(no video/audio)" : " ");
@@ -61,11 +65,12 @@ void remove_client(ClientRegistry &registry, Ipv4Port address) {
         return;
     }
     slot->client.store(0, std::memory_order_release);
+    registry.version.fetch_add(1, std::memory_order_release);
     const ClientName name = name_of(address);
     fprintf(stderr, "UDP server: Client %s:%d removed\n", name.host, name.port);
 }
 
-// Appends to the list as far as it fits; ten entries always do.
+// Appends to the list, truncated to the buffer; ten entries always fit.
 __attribute__((format(printf, 2, 3))) static void append(char *json, const char *format, ...) {
     const size_t used = strlen(json);
     va_list arguments;
@@ -74,11 +79,13 @@ __attribute__((format(printf, 2, 3))) static void append(char *json, const char 
     va_end(arguments);
 }
 
-// Frees a slot unless its client has changed meanwhile.
-static void drop(ClientSlot &slot, uint64_t client) {
+// Frees a slot, unless its client has changed meanwhile.
+static void drop(ClientRegistry &registry, ClientSlot &slot, uint64_t client) {
     const ClientName name = name_of(client);
     fprintf(stderr, "UDP server: Client %s:%d lost\n", name.host, name.port);
-    slot.client.compare_exchange_strong(client, 0, std::memory_order_acq_rel);
+    if (slot.client.compare_exchange_strong(client, 0, std::memory_order_acq_rel)) {
+        registry.version.fetch_add(1, std::memory_order_release);
+    }
 }
 
 void sweep_clients(ClientRegistry &registry, uint32_t (*clock)(), char *json) {
@@ -90,15 +97,15 @@ void sweep_clients(ClientRegistry &registry, uint32_t (*clock)(), char *json) {
         if (client == 0) {
             continue;
         }
-        // Read before the clock: a client that registers in between must not look 49 days old.
+        // Read this before the clock: a client that registers in between must not look 49 days old.
         const uint32_t last_seen_ms = slot.last_seen_ms;
         const uint32_t age = clock() - last_seen_ms;
         if (age > client_timeout_ms) {
-            drop(slot, client);
+            drop(registry, slot, client);
             continue;
         }
         const ClientName name = name_of(client);
-        // The comma follows the slot's index, also where no entry stands before.
+        // Every slot but the first gets a comma, even when no entry precedes it.
         append(json, "%s{\"host\":\"%s\",\"port\":%d,\"timeout\":%u,\"mode\":%d}",
                i != 0 ? "," : "", name.host, name.port, age,
                (client & client_data_only) != 0 ? 1 : 0);

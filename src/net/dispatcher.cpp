@@ -1,16 +1,18 @@
 #include "net/dispatcher.h"
 
+#include "base/bytes.h"
 #include "base/clock.h"
 #include "base/json_command.h"
+#include "base/own_ports.h"
 #include "base/process_end.h"
 #include "base/shell.h"
 #include "base/text.h"
 #include "config/answer.h"
+#include "config/boot_turn.h"
 #include "config/config.h"
 #include "config/update.h"
 #include "config/wlan_iface.h"
 #include "media/data_source.h"
-#include "net/control_server.h"
 #include "net/relay.h"
 #include "net/wlan_scan.h"
 #include "rc/rc_block.h"
@@ -25,14 +27,14 @@
 #include <unistd.h>
 
 constexpr const char *screenshot_file = "/run/quillorbeacon/screenshot.png";
-constexpr size_t screenshot_limit = 50000; // a picture of this size or more is not sent
+constexpr size_t screenshot_limit = 50000; // a picture this large or larger is not sent
 
-// The first payload byte tells the request.
+// The first payload byte is the kind of request.
 enum ClientRequest : uint8_t {
     request_info = 0,
     request_register = 2, // byte 1: 1 for "no video/audio"
     request_remove = 3,
-    request_gimbal = 5, // byte 1: 0 for the application's values, else for the data source
+    request_gimbal = 5, // byte 1: 0 for the app gimbal values, otherwise for the data source
     request_screenshot = 9,
     request_source_command = '!',
     request_json = '{',
@@ -40,7 +42,7 @@ enum ClientRequest : uint8_t {
 
 constexpr uint8_t mode_data_only = 1;
 
-// Who asked, and gets the reply.
+// The sender of a request, who gets the reply.
 struct Requester {
     const char *host;
     uint16_t port;
@@ -64,7 +66,7 @@ static void reply_with_screenshot(const Requester &requester) {
     }
 }
 
-// The commands, each with the requester to answer.
+// The commands.
 
 static void answer_config_request(const cJSON *command, const Requester &requester) {
     const char *section = find_member(command, "param");
@@ -77,10 +79,10 @@ static void answer_config_request(const cJSON *command, const Requester &request
 
 static void reboot_board() {
     run_shell("sync");
-    run_shell("reboot");
+    reboot_between_turns();
 }
 
-// The interface a client's selector means; empty when it means none.
+// The interface for a client's selector; empty when the selector is unknown.
 static std::string selected_interface(const char *selector) {
     const ConfigRecord &config = config_record();
     if (strcmp(selector, "cam") == 0) {
@@ -95,7 +97,7 @@ static std::string selected_interface(const char *selector) {
 static void scan_wlan(const char *selector, const Requester &requester) {
     const std::string interface = selected_interface(selector);
     if (interface.empty()) {
-        fputs("Interface  not found\n", stderr); // the name that is missing is empty
+        fputs("Interface  not found\n", stderr); // the name in the line is empty
         return;
     }
     fprintf(stderr, "Wlan scan request for interface %s\n", interface.c_str());
@@ -121,13 +123,13 @@ static void run_file_command(const cJSON *command, const Requester &requester) {
     }
 }
 
-// The receivers' states, read from a mapping of the dispatcher's own. It is opened on first use,
-// and tried again as long as that fails; two threads dispatch.
+// A receiver's state, read from the dispatcher's own mapping. It is opened on first use, and tried
+// again on each call while that fails. Atomic, because two threads run commands.
 static int rc_state(int receiver) {
     static std::atomic<const uint8_t *> mapping;
     const uint8_t *block = mapping.load(std::memory_order_acquire);
     if (block == nullptr) {
-        block = open_rc_block();
+        block = open_rc_block(MapTry::first);
         mapping.store(block, std::memory_order_release);
     }
     return rc_receiver_state(block, receiver);
@@ -141,7 +143,7 @@ static void reply_with_rc_channels(int receiver, const Requester &requester) {
 }
 
 static void set_rc_config(int receiver, const char *channels) {
-    // Computed unsigned: a client may send any number.
+    // Added as unsigned: a client may send any number, INT_MAX included.
     const auto number = static_cast<int>(static_cast<unsigned>(receiver) + 1);
     fprintf(stderr, "Set RC%d config: %s\n", number, channels);
     if (receiver == 0 || receiver == 1) {
@@ -150,28 +152,46 @@ static void set_rc_config(int receiver, const char *channels) {
     }
 }
 
-static void run_rc_command(const cJSON *command, const Requester &requester) {
-    const std::string param = require_member(command, "param");
-    const int receiver = parse_number(member_or_empty(command, "value"));
-    if (param == "get-channels") {
-        reply_with_rc_channels(0, requester);
-        reply_with_rc_channels(1, requester);
-    } else if (param == "calibrate-minmax") {
-        set_rc_state(receiver, 2);
-    } else if (param == "finish-minmax") {
-        set_rc_state(receiver, 3);
-    } else if (param == "set-center") {
-        set_rc_state(receiver, 4);
-    } else if (param == "set-config") {
-        set_rc_config(receiver, member_or_empty(command, "value2"));
+// The state that a calibration command sets; 0 when it is none.
+static int calibration_state(const std::string &param) {
+    return param == "calibrate-minmax" ? 2
+           : param == "finish-minmax"  ? 3
+           : param == "set-center"     ? 4
+                                       : 0;
+}
+
+// The commands that change a receiver.
+static void change_rc(const std::string &param, const cJSON *command) {
+    const int state = calibration_state(param);
+    if (state == 0 && param != "set-config") {
+        return;
+    }
+    const char *value = member_or_empty(command, "value");
+    if (!begins_with_number(value)) {
+        fprintf(stderr, "RC command %s names no receiver, nothing is changed\n", param.c_str());
+        return;
+    }
+    if (state != 0) {
+        set_rc_state(parse_number(value), state);
+    } else {
+        set_rc_config(parse_number(value), member_or_empty(command, "value2"));
     }
 }
 
-// The commands are told apart one after another; a reboot does not keep the rest from being looked
-// at.
+static void run_rc_command(const cJSON *command, const Requester &requester) {
+    const std::string param = require_member(command, "param");
+    if (param == "get-channels") {
+        reply_with_rc_channels(0, requester);
+        reply_with_rc_channels(1, requester);
+    } else {
+        change_rc(param, command);
+    }
+}
+
+// Each command is compared in turn; a reboot does not return early.
 static void run_json_command(const char *text, const Requester &requester) {
     fprintf(stderr, "parse_packet json %s\n", text);
-    cJSON *command = cJSON_Parse(text);
+    cJSON *command = parse_command(text);
     const std::string name = require_member(command, "cmd");
     if (name == "config_request") {
         answer_config_request(command, requester);
@@ -197,8 +217,8 @@ static void run_json_command(const char *text, const Requester &requester) {
     cJSON_Delete(command);
 }
 
-// Three signed 16-bit numbers behind the kind and a 0, each as a part of 32767. What a short
-// payload lacks reads as 0.
+// The payload: the kind, a 0, and three signed 16-bit numbers, each a fraction of 32767. Missing
+// bytes of a short payload read as 0.
 static void take_gimbal_values(const uint8_t *payload) {
     constexpr double unit = 3.051850947599719e-5;
     const auto value_at = [&](size_t at) {
@@ -212,18 +232,30 @@ void dispatch_source_command(uint8_t *payload, uint16_t /*length*/, const char *
     run_json_command(reinterpret_cast<const char *>(payload), {host, port});
 }
 
+ClientTurn client_turn(uint8_t kind) {
+    switch (kind) {
+    case request_info:
+        return ClientTurn::after_own;
+    case request_screenshot:
+    case request_source_command:
+    case request_json:
+        return ClientTurn::in_order;
+    default: // also what is ignored
+        return ClientTurn::at_once;
+    }
+}
+
 void dispatch_client_packet(uint8_t *payload, uint16_t length, const char *host, uint16_t port) {
-    // The server's own datagrams.
+    // Ignore the server's own datagrams.
     if (strcmp(host, "127.0.0.1") == 0 && port == control_port) {
         return;
     }
-    // A payload that begins with anything but 0 is not that of a cut header: its length is true.
     switch (payload[0]) {
     case request_info:
         send_info_reply(host, port);
         break;
     case request_register:
-        // A missing mode byte reads as 0: zeros follow a payload.
+        // A missing mode byte reads as 0, because zeros follow the payload.
         register_client(relay_clients(), ipv4_port(host, port), payload[1] == mode_data_only,
                         now_ms());
         break;

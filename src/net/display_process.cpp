@@ -8,7 +8,7 @@
 constexpr uint16_t notification_port = 5255;
 constexpr Ipv4Port notification_address = loopback_address(notification_port);
 
-// Created once at start-up; -1 before.
+// Created once at start-up; -1 until then.
 static int notification_socket = -1;
 
 void init_display_notifications() {

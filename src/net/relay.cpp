@@ -2,13 +2,17 @@
 
 #include "base/pause.h"
 #include "config/config.h"
-#include "net/tcp_server.h"
+#include "net/tcp_stream.h"
+#include "net/udp_outlet.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <pthread.h>
+#include <sched.h>
+
+// How long the sender of video lets other senders go first.
+constexpr int64_t most_aside_ns = 100000;
 
 // The display process on this board.
 constexpr uint16_t display_port = 5253;
@@ -16,11 +20,17 @@ constexpr Ipv4Port display_address = loopback_address(display_port);
 
 // One packet at a time goes out to all clients.
 static pthread_mutex_t relay_mutex;
-// Set once, when the control server has its socket; null before.
-static std::atomic<UdpEndpoint *> relay_endpoint;
-// The next packet's number; taken by every thread that sends.
+// The number of threads that wait for the mutex.
+static Relaxed<int> waiting;
+// All packets leave through it. Rounds are sent under the mutex.
+static UdpOutlet outlet;
+// The next packet's sequence number, for all threads that send.
 static Relaxed<uint32_t> next_sequence;
 static ClientRegistry clients;
+// Used only by the thread that relays video.
+static VideoBucket video_bucket;
+
+static_assert(client_capacity + 1 <= outlet_round_limit); // and the display process
 
 int relay_init() {
     if (pthread_mutex_init(&relay_mutex, nullptr) != 0) {
@@ -32,67 +42,119 @@ int relay_init() {
 }
 
 void relay_open(UdpEndpoint &endpoint) {
-    relay_endpoint.store(&endpoint, std::memory_order_release);
+    udp_outlet_open(outlet, endpoint);
 }
 
 ClientRegistry &relay_clients() {
     return clients;
 }
 
-static void send_paced(UdpEndpoint &endpoint, const RelayPacket &packet, size_t length,
-                       Ipv4Port destination) {
-    udp_endpoint_send(endpoint, &packet, length, socket_address(destination));
-    pause_after_datagram();
-}
+// Who gets a kind of packets, prepared for sending; of the mutex.
+struct Receivers {
+    uint32_t version; // of the registry they were taken from
+    RoundReceivers prepared;
+};
+static Receivers media_receivers;
+static Receivers data_receivers;
 
-void relay_to_clients(uint8_t type, RelayPacket &packet) {
-    UdpEndpoint *endpoint = relay_endpoint.load(std::memory_order_acquire);
-    if (endpoint == nullptr) {
-        return;
-    }
-    const size_t length = relay_header_size + payload_length(packet);
-    const bool is_media = type != relay_type_data;
-    pthread_mutex_lock(&relay_mutex);
-    stamp_header(packet, type, next_sequence.add(1));
+// Clients in the order of their slots, then the display process.
+static void take_receivers(Receivers &receivers, uint32_t version, bool is_media) {
+    Ipv4Port destinations[client_capacity + 1];
+    int count = 0;
     for (const ClientSlot &slot : clients.slots) {
-        const Ipv4Port destination = slot_destination(slot, is_media);
-        if (port_of(destination) != 0) {
-            send_paced(*endpoint, packet, length, destination);
-        }
+        destinations[count] = slot_destination(slot, is_media);
+        count += port_of(destinations[count]) != 0 ? 1 : 0;
     }
     if (!is_media) {
-        send_paced(*endpoint, packet, length, display_address);
+        destinations[count++] = display_address;
     }
+    prepare_receivers(receivers.prepared, destinations, count);
+    receivers.version = version;
+}
+
+static RoundReceivers &receivers_of(uint8_t type) {
+    const bool is_media = type != relay_type_data;
+    Receivers &receivers = is_media ? media_receivers : data_receivers;
+    const uint32_t version = clients.version.load(std::memory_order_acquire);
+    if (receivers.version != version) {
+        take_receivers(receivers, version, is_media);
+    }
+    return receivers.prepared;
+}
+
+// Locks, and returns the time then; `now` is the time as it was a moment ago.
+static int64_t lock_relay(int64_t now) {
+    if (pthread_mutex_trylock(&relay_mutex) == 0) {
+        return now;
+    }
+    waiting.add(1);
+    pthread_mutex_lock(&relay_mutex);
+    waiting.add(-1);
+    return monotonic_ns();
+}
+
+// Completes a header, whose length is set, and sends it with its payload.
+static void send_to_clients(uint8_t type, uint8_t *header, const uint8_t *payload, uint16_t length,
+                            int64_t now) {
+    now = udp_outlet_wait(outlet, now); // not under the lock, where others would wait with it
+    now = lock_relay(now);
+    stamp_header(header, type, next_sequence.add(1));
+    RoundReceivers &receivers = receivers_of(type);
+    receivers.datagram = datagram_of(header, relay_header_size, payload, length);
+    udp_outlet_round(outlet, receivers, now);
     pthread_mutex_unlock(&relay_mutex);
 }
 
-static void relay_video_block(RelayPacket &packet, const uint8_t *block, uint16_t length) {
-    if (tcp_client_connected()) {
-        tcp_send_block(block, length);
+void relay_to_clients(uint8_t type, RelayPacket &packet) {
+    if (udp_outlet_is_open(outlet)) {
+        send_to_clients(type, packet.header, packet.payload, payload_length(packet),
+                        monotonic_ns());
     }
-    memcpy(packet.payload, block, length);
-    set_payload_length(packet, length);
-    relay_to_clients(relay_type_video, packet);
 }
 
-void relay_video(const uint8_t *data, size_t length, uint16_t block_size) {
-    // Not initialised on purpose: of its 60012 bytes only the first block's worth is ever touched.
-    RelayPacket packet; // NOLINT(cppcoreguidelines-pro-type-member-init)
+// The mutex is not fair: a thread that releases it and takes it again at once starves those that
+// wait. Between two blocks of a frame they get their turn.
+static void let_others_pass() {
+    if (waiting == 0) {
+        return;
+    }
+    const int64_t end = monotonic_ns() + most_aside_ns;
+    while (waiting != 0 && monotonic_ns() < end) {
+        sched_yield();
+    }
+}
+
+// The block is sent from where it lies.
+static void relay_video_block(const uint8_t *block, uint16_t length, MustHurry must_hurry) {
+    uint8_t header[relay_header_size];
+    put_u16(header + relay_length_at, length);
+    const int64_t now = pace_video(video_bucket, length, must_hurry);
+    let_others_pass();
+    send_to_clients(relay_type_video, header, block, length, now);
+}
+
+void relay_video(const uint8_t *data, size_t length, uint16_t block_size, MustHurry must_hurry) {
+    if (tcp_client_connected()) {
+        tcp_send_frame(data, length);
+    }
+    if (!udp_outlet_is_open(outlet)) {
+        return;
+    }
     size_t offset = 0;
     for (; offset + block_size < length; offset += block_size) {
-        relay_video_block(packet, data + offset, block_size);
+        relay_video_block(data + offset, block_size, must_hurry);
     }
-    relay_video_block(packet, data + offset, static_cast<uint16_t>(length - offset));
+    relay_video_block(data + offset, static_cast<uint16_t>(length - offset), must_hurry);
 }
 
 void relay_to_client(uint8_t type, RelayPacket &packet, const char *host, uint16_t port) {
-    UdpEndpoint *endpoint = relay_endpoint.load(std::memory_order_acquire);
     const Ipv4Port destination = ipv4_port(host, port);
-    if (endpoint == nullptr || destination == 0) {
+    if (!udp_outlet_is_open(outlet) || destination == 0) {
         return;
     }
     stamp_header(packet, type, next_sequence.add(1));
-    send_paced(*endpoint, packet, relay_header_size + payload_length(packet), destination);
+    udp_outlet_single(outlet, datagram_of(&packet, relay_header_size + payload_length(packet)),
+                      destination);
 }
 
 void relay_text_reply(const char *text, size_t length, const char *host, uint16_t port) {

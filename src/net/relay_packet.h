@@ -1,20 +1,22 @@
 #pragma once
 
-#include "base/text.h"
+// The layout of the relay packet, the one datagram format between the daemon and its clients.
+// Stands on: base/bytes.
+
+#include "base/bytes.h"
 
 #include <cstddef>
 #include <cstdint>
 
-// The relay packet: the one framed datagram format between the daemon and its clients, in both
-// directions. Numbers are little-endian. A datagram is the header and as many payload bytes as it
-// says. Clients' datagrams are told by the magic alone; the rest of their header is not read.
-// docs/protocol.md describes the payloads.
+// Both directions use it. Numbers are little-endian. A datagram is the header followed by as many
+// payload bytes as it says. In clients' datagrams only the magic is checked; the rest of the header
+// is not read. docs/protocol.md describes the payloads.
 
 // Offsets in the header.
 constexpr size_t relay_magic_at = 0;    // u8, relay_magic
 constexpr size_t relay_type_at = 1;     // u8, RelayType
 constexpr size_t relay_length_at = 2;   // u16, payload bytes
-constexpr size_t relay_sequence_at = 4; // u32, one more for every packet sent, wraps
+constexpr size_t relay_sequence_at = 4; // u32, incremented with every packet sent, wraps
 constexpr size_t relay_constant_at = 8; // u32, always 1
 constexpr size_t relay_header_size = 12;
 
@@ -31,7 +33,7 @@ enum RelayType : uint8_t {
     relay_type_file = 4,
 };
 
-// A packet under construction: only the used part is ever written, copied or sent.
+// A packet being built: only the used part is ever written, copied or sent.
 struct RelayPacket {
     uint8_t header[relay_header_size];
     uint8_t payload[relay_payload_capacity];
@@ -48,9 +50,14 @@ inline uint16_t payload_length(const RelayPacket &packet) {
     return get_u16(packet.header + relay_length_at);
 }
 
+// Writes the rest of a header of relay_header_size bytes, beside the length.
+inline void stamp_header(uint8_t *header, uint8_t type, uint32_t sequence) {
+    header[relay_magic_at] = relay_magic;
+    header[relay_type_at] = type;
+    put_u32(header + relay_sequence_at, sequence);
+    put_u32(header + relay_constant_at, relay_constant);
+}
+
 inline void stamp_header(RelayPacket &packet, uint8_t type, uint32_t sequence) {
-    packet.header[relay_magic_at] = relay_magic;
-    packet.header[relay_type_at] = type;
-    put_u32(packet.header + relay_sequence_at, sequence);
-    put_u32(packet.header + relay_constant_at, relay_constant);
+    stamp_header(packet.header, type, sequence);
 }

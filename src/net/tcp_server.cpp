@@ -3,8 +3,8 @@
 #include "base/ipv4.h"
 #include "base/pause.h"
 #include "base/process_end.h"
+#include "net/tcp_stream.h"
 
-#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <netinet/tcp.h>
@@ -17,41 +17,14 @@ constexpr time_t send_timeout_s = 2;
 constexpr int send_buffer_size = 3000000;
 constexpr int listen_backlog = 16;
 constexpr size_t receive_size = 60000;
-constexpr uint32_t closing_poll_us = 1000;
+// A client that does not answer is dropped after 25 seconds.
+constexpr int keep_alive_idle_s = 10;
+constexpr int keep_alive_interval_s = 5;
+constexpr int keep_alive_probes = 3;
 
 static int listen_socket = -1;
-// Set by the accept thread before `connected`, closed by it after `sending` has been seen clear.
-static std::atomic<int> client_socket{-1};
-// The two flags keep a descriptor from being closed, and its number given away, in the middle of
-// a send: the sender raises `sending` before it looks at `connected`, the accept thread clears
-// `connected` before it looks at `sending`. Sequentially consistent, or both could miss each other.
-static std::atomic<bool> connected;
-static std::atomic<bool> sending;
 
-bool tcp_client_connected() {
-    return connected.load(std::memory_order_relaxed);
-}
-
-void tcp_send_block(const uint8_t *data, size_t length) {
-    sending.store(true);
-    if (connected.load()) {
-        // A client that has just left must not raise SIGPIPE. A send that a signal interrupts is
-        // not repeated: signals must not hold up the video for more than the two seconds.
-        send(client_socket.load(std::memory_order_relaxed), data, length, MSG_NOSIGNAL);
-    }
-    sending.store(false);
-}
-
-static void close_client(int client) {
-    connected.store(false);
-    shutdown(client, SHUT_RDWR); // wakes a send that waits for room
-    while (sending.load()) {
-        sleep_us(closing_poll_us);
-    }
-    close(client);
-}
-
-// As recv and accept4 do, but a signal does not end the wait.
+// recv and accept4, repeated when a signal interrupts them.
 static ssize_t receive(int client, char *buffer, size_t size) {
     ssize_t received = 0;
     do {
@@ -90,10 +63,10 @@ static void serve_one_client() {
     char host[ipv4_text_size];
     fprintf(stderr, "TCP server: Client connected with ip address: %s\n",
             host_text(from_socket_address(address), host));
-    client_socket.store(client, std::memory_order_relaxed);
-    connected.store(true);
+    begin_tcp_stream(client);
     discard_input(client);
-    close_client(client);
+    end_tcp_stream();
+    close(client);
 }
 
 [[noreturn]] static void *run_accept_thread(void * /*unused*/) {
@@ -110,6 +83,10 @@ static void set_options() {
     setsockopt(listen_socket, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
     setsockopt(listen_socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     setsockopt(listen_socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    setsockopt(listen_socket, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+    setsockopt(listen_socket, IPPROTO_TCP, TCP_KEEPIDLE, &keep_alive_idle_s, sizeof(int));
+    setsockopt(listen_socket, IPPROTO_TCP, TCP_KEEPINTVL, &keep_alive_interval_s, sizeof(int));
+    setsockopt(listen_socket, IPPROTO_TCP, TCP_KEEPCNT, &keep_alive_probes, sizeof(int));
     if (setsockopt(listen_socket, SOL_SOCKET, SO_SNDBUF, &send_buffer_size,
                    sizeof send_buffer_size) < 0) {
         fputs("TCP server: can't set buffer size\n", stderr);
@@ -135,5 +112,8 @@ int init_tcp_server(uint16_t port) {
         return fail("TCP server: Could not open socket for listening\n");
     }
     pthread_t thread{};
+    if (!start_tcp_stream()) {
+        return 1;
+    }
     return pthread_create(&thread, nullptr, run_accept_thread, nullptr) == 0 ? 0 : 1;
 }

@@ -1,5 +1,6 @@
 #include "net/udp_endpoint.h"
 
+#include "base/board_address.h"
 #include "base/clock.h"
 #include "base/pause.h"
 #include "base/process_end.h"
@@ -14,6 +15,7 @@
 
 constexpr int kernel_buffer_size = 10000000;
 constexpr uint32_t buffer_wait_us = 10000;
+constexpr timeval send_timeout = {0, 3000};
 
 static void set_option(int socket, int option, int value, const char *failure) {
     if (setsockopt(socket, SOL_SOCKET, option, &value, sizeof value) < 0 && failure != nullptr) {
@@ -28,6 +30,10 @@ static int open_socket() {
     set_option(fd, SO_SNDBUF, kernel_buffer_size, "UDP send buffer set failed\n");
     set_option(fd, SO_REUSEPORT, 0, nullptr);
     set_option(fd, SO_BROADCAST, 1, nullptr);
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &send_timeout, sizeof send_timeout);
+    // Multicast that another program on this board has joined is not for the daemon.
+    const int off = 0;
+    setsockopt(fd, IPPROTO_IP, IP_MULTICAST_ALL, &off, sizeof off);
     return fd;
 }
 
@@ -46,7 +52,7 @@ int udp_endpoint_open(UdpEndpoint &endpoint, uint16_t port, void *(*thread_entry
     return pthread_create(&thread, nullptr, thread_entry, nullptr) == 0 ? 0 : -1;
 }
 
-// Receives one datagram and returns its length; does not return without one.
+// Waits for one datagram and returns its length. A failure ends the process.
 static size_t receive(const UdpEndpoint &endpoint, uint8_t *buffer, sockaddr_in &sender) {
     ssize_t length = 0;
     do {
@@ -61,8 +67,8 @@ static size_t receive(const UdpEndpoint &endpoint, uint8_t *buffer, sockaddr_in 
     return static_cast<size_t>(length);
 }
 
-// Done after the receive: until then the kernel may have put there, and dropped, datagrams whose
-// checksum was wrong.
+// Clear after the receive, not before: the kernel may have copied datagrams with a bad checksum
+// into the buffer and dropped them.
 static void clear_behind(uint8_t *buffer, size_t length, size_t buffer_size) {
     memset(buffer + length, 0, std::min(udp_cleared_size, buffer_size - length));
 }
@@ -86,6 +92,14 @@ static void deliver(UdpEndpoint &endpoint, uint8_t *buffer, size_t length, Ipv4P
     }
 }
 
+// Whatever was sent to another kind of sender might come back to the daemon. The last sender has
+// been checked: a source in full flow costs no system call.
+static bool is_from_one_host(const UdpEndpoint &endpoint, Ipv4Port sender) {
+    const Ipv4Port last = endpoint.peer.load(std::memory_order_relaxed);
+    return has_host(sender) &&
+           (host_of(sender) == host_of(last) || !is_group_host(host_of(sender)));
+}
+
 void udp_endpoint_run(UdpEndpoint &endpoint) {
     uint8_t *buffer = nullptr;
     while ((buffer = endpoint.buffer.load(std::memory_order_acquire)) == nullptr) {
@@ -97,12 +111,15 @@ void udp_endpoint_run(UdpEndpoint &endpoint) {
         if (endpoint.clear_before_read) {
             clear_behind(buffer, length, endpoint.buffer_size);
         }
-        deliver(endpoint, buffer, length, from_socket_address(sender));
+        const Ipv4Port from = from_socket_address(sender);
+        if (is_from_one_host(endpoint, from)) {
+            deliver(endpoint, buffer, length, from);
+        }
     }
 }
 
 void udp_endpoint_check_lost(UdpEndpoint &endpoint) {
-    // Read before the clock: a datagram that arrives between the two must not look 49 days old.
+    // Read this before the clock: a datagram that arrives in between must not look 49 days old.
     const uint32_t last_receive_ms = endpoint.last_receive_ms;
     if (last_receive_ms == 0 || !udp_peer_is_lost(last_receive_ms, now_ms(), endpoint.timeout_ms)) {
         return;

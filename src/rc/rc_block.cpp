@@ -2,6 +2,7 @@
 
 #include "base/relaxed.h"
 #include "base/shared_memory.h"
+#include "base/shared_numbers.h"
 #include "base/text.h"
 #include "config/config.h"
 #include "config/writer.h"
@@ -12,18 +13,20 @@
 #include <cstdio>
 #include <initializer_list>
 
-// The mapping; set once, by whoever comes first: start-up or the RC loop.
+// The mapping; set once, by start-up or, if that failed, by the RC loop.
 static std::atomic<uint8_t *> mapped_block;
 // Written by command threads and the movement runner, read by the RC loop.
 static Relaxed<double> app_pan;
 static Relaxed<double> app_tilt;
 static Relaxed<double> app_roll;
 
-uint8_t *open_rc_block() {
-    fputs(shared_memory_exists(rc_block_name) ? "Shared raw RC mem opened\n"
-                                              : "Creating new shared raw RC\n",
-          stderr);
-    return map_shared_memory(rc_block_name, rc_block_size, nullptr);
+uint8_t *open_rc_block(MapTry which) {
+    if (which == MapTry::first) {
+        fputs(shared_memory_exists(rc_block_name) ? "Shared raw RC mem opened\n"
+                                                  : "Creating new shared raw RC\n",
+              stderr);
+    }
+    return map_shared_memory(whole_object(rc_block_name, rc_block_size), nullptr, which);
 }
 
 uint8_t *rc_block() {
@@ -32,7 +35,7 @@ uint8_t *rc_block() {
 
 uint8_t *init_rc_block() {
     if (rc_block() == nullptr) {
-        mapped_block.store(open_rc_block(), std::memory_order_release);
+        mapped_block.store(open_rc_block(MapTry::first), std::memory_order_release);
     }
     if (rc_block() == nullptr) {
         fputs("Failed to open raw RC shared memory\n", stderr);
@@ -41,7 +44,7 @@ uint8_t *init_rc_block() {
 }
 
 uint8_t *map_missing_rc_block() {
-    uint8_t *block = open_rc_block();
+    uint8_t *block = open_rc_block(MapTry::again);
     if (block != nullptr) {
         clear_rc_calibration(block);
         load_rc_channels(block, 0, config_record().rc1_channels);
@@ -86,7 +89,7 @@ void clear_rc_calibration(uint8_t *block) {
     }
 }
 
-// A field of the channel record that the JSON text can set, and whether it has one byte or two.
+// A field of the channel record that the JSON text can set; it has one byte or two.
 struct ChannelField {
     const char *key;
     size_t offset;
@@ -100,18 +103,52 @@ constexpr ChannelField channel_fields[] = {
     {"l", channel_limit_at, false}, {"f", channel_function_at, true},
 };
 
-static void load_channel(uint8_t *channel, const cJSON *element) {
+// Reads a member that is a number, a boolean or a string of digits. Returns false for anything
+// else.
+static bool channel_number(const cJSON *item, int32_t &number) {
+    if (cJSON_IsString(item) != 0 && is_all_digits(item->valuestring)) {
+        number = parse_number(item->valuestring);
+        return true;
+    }
+    number = item->valueint; // of a boolean: 0 or 1
+    return cJSON_IsNumber(item) != 0 || cJSON_IsBool(item) != 0;
+}
+
+// Returns how many members were ignored because they are not numbers.
+static int load_channel(uint8_t *channel, const cJSON *element) {
+    int bad_count = 0;
     for (const ChannelField &field : channel_fields) {
         const cJSON *item = cJSON_GetObjectItem(element, field.key);
+        int32_t number = 0;
         if (item == nullptr) {
             continue;
         }
-        if (field.is_byte) {
-            store_whole<uint8_t>(channel + field.offset, static_cast<uint8_t>(item->valueint));
+        if (!channel_number(item, number)) {
+            ++bad_count;
+        } else if (field.is_byte) {
+            store_whole<uint8_t>(channel + field.offset, static_cast<uint8_t>(number));
         } else {
-            store_whole<uint16_t>(channel + field.offset, static_cast<uint16_t>(item->valueint));
+            store_whole<uint16_t>(channel + field.offset, static_cast<uint16_t>(number));
         }
     }
+    return bad_count;
+}
+
+// As load_channel, for the channel that the element names.
+static int load_element(uint8_t *block, int receiver, const cJSON *element) {
+    const cJSON *item = cJSON_GetObjectItem(element, "ch");
+    int32_t number = 0;
+    if (item == nullptr) {
+        return 0;
+    }
+    if (!channel_number(item, number)) {
+        return 1;
+    }
+    if (number < 1 || number > rc_channels_per_receiver) {
+        return 0;
+    }
+    const int index = number - 1 + receiver * rc_channels_per_receiver;
+    return load_channel(rc_channel(block, index), element);
 }
 
 void load_rc_channels(uint8_t *block, int receiver, const char *json_text) {
@@ -121,15 +158,15 @@ void load_rc_channels(uint8_t *block, int receiver, const char *json_text) {
     }
     cJSON *list = cJSON_Parse(json_text);
     const cJSON *element = cJSON_IsArray(list) != 0 ? cJSON_GetArrayItem(list, 0) : nullptr;
+    int bad_count = 0;
     for (; element != nullptr; element = element->next) {
-        const cJSON *number = cJSON_GetObjectItem(element, "ch");
-        if (number != nullptr && number->valueint >= 1 &&
-            number->valueint <= rc_channels_per_receiver) {
-            const int index = number->valueint - 1 + receiver * rc_channels_per_receiver;
-            load_channel(rc_channel(block, index), element);
-        }
+        bad_count += load_element(block, receiver, element);
     }
     cJSON_Delete(list);
+    if (bad_count > 0) {
+        fprintf(stderr, "RC%d channel list: ignored %d value(s) that are not numbers\n",
+                receiver + 1, bad_count);
+    }
 }
 
 // The 16 objects of a receiver, written by `format_channel`, as a JSON array.
@@ -144,7 +181,7 @@ static std::string channel_list(const uint8_t *block, int receiver,
 }
 
 static std::string live_channel(const uint8_t *channel, int /*number*/) {
-    char text[500]; // a hostile value may print 309 digits
+    char text[500]; // a corrupt value may print 309 digits
     snprintf(
         text, sizeof text,
         R"({"raw":%d,"min":%d,"max":%d,"c":%d,"i":%d,"val":%1.3f,"d":%d,"e":%d,"l":%d,"f":%d})",
@@ -186,10 +223,13 @@ std::string rc_channels_setting(const uint8_t *block, int receiver) {
 
 void save_rc_channels() {
     const uint8_t *block = rc_block();
+    ConfigRecord &config = config_record();
     if (block == nullptr) {
+        fprintf(stderr, "RC channels are not saved: %s\n",
+                config.slow_cpu != 0 ? "this slow board runs no radio control"
+                                     : "the shared block is not there");
         return;
     }
-    ConfigRecord &config = config_record();
     copy_text(config.rc1_channels, sizeof config.rc1_channels,
               rc_channels_setting(block, 0).c_str());
     copy_text(config.rc2_channels, sizeof config.rc2_channels,
@@ -201,14 +241,14 @@ static bool is_receiver(int receiver) {
     return receiver >= 0 && receiver < rc_receiver_count;
 }
 
-// Sets the receiver's state byte; nothing for a receiver that does not exist.
+// Sets the receiver's state byte; ignores a receiver that does not exist.
 static void set_state_byte(int receiver, RcState state) {
     if (is_receiver(receiver) && rc_block() != nullptr) {
         store_whole<uint8_t>(rc_block() + rc_state_at + receiver, state);
     }
 }
 
-// Copies each channel's raw value, as it is at one moment, into calibrated fields.
+// Copies each channel's raw value, read once, to the given calibration fields.
 static void take_raw_values(int receiver, std::initializer_list<size_t> fields) {
     if (!is_receiver(receiver) || rc_block() == nullptr) {
         return;
@@ -223,7 +263,7 @@ static void take_raw_values(int receiver, std::initializer_list<size_t> fields) 
 }
 
 void set_rc_state(int receiver, int state) {
-    // Computed unsigned: a client may send any number.
+    // Added as unsigned: a client may send any number, INT_MAX included.
     const auto number = static_cast<int>(static_cast<unsigned>(receiver) + 1);
     fprintf(stderr, "Set RC%d state %d\n", number, state);
     switch (state) {

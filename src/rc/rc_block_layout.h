@@ -1,11 +1,14 @@
 #pragma once
 
+// The layout of the shared radio-control block.
+// Stands on: nothing else of ours.
+
 #include <cstddef>
 
-// The shared radio-control block: the RC reader process writes raw channel values and the time of
-// its last update into it, the daemon keeps each channel's calibration there and publishes what the
-// sticks mean. 1504 bytes, little-endian numbers; each field is read and written as a whole, and
-// nothing is locked. docs/source-protocol.md tells the reader process what to do.
+// The RC reader process writes raw channel values and the time of its last update. The daemon keeps
+// each channel's calibration in the block and publishes the resulting values. The block has 1504
+// bytes; numbers are little-endian; each field is read and written in one access, and there is no
+// lock. docs/source-protocol.md explains what the reader process must do.
 
 constexpr const char *rc_block_name = "/shared_rc_raw";
 constexpr size_t rc_block_size = 1504;
@@ -41,7 +44,7 @@ static_assert(rc_values_at + rc_function_count * sizeof(double) == rc_raw_values
 static_assert(rc_raw_values_at + rc_function_count * 2 + 4 == rc_block_size);
 static_assert(channel_enable_at + 2 == rc_channel_size);
 
-// What a receiver's state byte tells.
+// The values of a receiver's state byte.
 enum RcState : unsigned char {
     rc_absent = 0,
     rc_present = 1,

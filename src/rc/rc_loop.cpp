@@ -60,8 +60,8 @@ static void send_events(const RcEvents &events) {
     }
 }
 
-// The block of a pass. While none can be mapped, a private one without receivers takes its place:
-// what the clients want of the gimbal needs no receiver.
+// The block for a pass. While none can be mapped, a private one without receivers takes its place,
+// because the app gimbal values need no receiver.
 static uint8_t *block_of_pass(uint32_t pass) {
     alignas(double) static uint8_t private_block[rc_block_size];
     uint8_t *block = rc_block();
@@ -82,7 +82,7 @@ static uint8_t *block_of_pass(uint32_t pass) {
     }
 }
 
-void init_rc() {
+int init_rc() {
     fputs("Init RC\n", stderr);
     set_app_gimbal_values(0.0, 0.0, 0.0);
     uint8_t *block = init_rc_block();
@@ -90,7 +90,10 @@ void init_rc() {
         clear_rc_calibration(block);
     }
     pthread_t thread{};
-    pthread_create(&thread, nullptr, run_loop_thread, nullptr);
-    start_smoothing_publisher();
+    if (pthread_create(&thread, nullptr, run_loop_thread, nullptr) != 0 ||
+        start_smoothing_publisher() != 0) {
+        return -1;
+    }
     fputs("Init RC done\n", stderr);
+    return 0;
 }

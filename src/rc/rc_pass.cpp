@@ -1,6 +1,6 @@
 #include "rc/rc_pass.h"
 
-#include "base/shared_memory.h"
+#include "base/shared_numbers.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -10,7 +10,7 @@ constexpr double menu_dead_zone = 0.02;
 constexpr double smoothing_unit = 0.01;
 constexpr double no_smoothing_step = 1.0;
 
-// Sums and raw values per function, built anew in each pass.
+// Sums and raw values per function, rebuilt in each pass.
 struct FunctionValues {
     double sum[rc_function_count];
     uint16_t raw[rc_function_count];
@@ -29,12 +29,12 @@ static void lose_receiver(uint8_t *block, int receiver) {
     }
 }
 
-// Found, then stale, then lost: a stale block gives all three in one pass.
+// Checks for found, stale and lost, in this order: a stale block can be all three in one pass.
 static void watch_receiver(uint8_t *block, int receiver, const char *channels, uint32_t (*clock)(),
                            bool &present) {
     uint8_t *state_byte = block + rc_state_at + receiver;
     uint8_t *update_field = block + rc_update_at + receiver * 4;
-    // Read before the clock: an update in between must not look 49 days old.
+    // Read this before the clock: an update in between must not look 49 days old.
     uint32_t update_time = load_whole<uint32_t>(update_field);
     const uint32_t now = clock();
     if (update_time != 0 && !present) {
@@ -60,7 +60,7 @@ static void watch_receiver(uint8_t *block, int receiver, const char *channels, u
 static void widen_calibration(uint8_t *channel, uint16_t raw) {
     uint16_t min = load_whole<uint16_t>(channel + channel_min_at);
     uint16_t max = load_whole<uint16_t>(channel + channel_max_at);
-    // Written only when they change: a client may begin the calibration anew in between.
+    // Store only changes: a client may restart the calibration in between.
     if (min == 0 || raw < min) {
         min = raw;
         store_whole<uint16_t>(channel + channel_min_at, min);
@@ -76,7 +76,7 @@ static double ratio(int numerator, int denominator) {
     return denominator == 0 ? 0.0 : static_cast<double>(numerator) / denominator;
 }
 
-// How far the stick is out of its dead band, as a part of its way to the end.
+// How far the stick is outside its dead band, as a fraction of the way to the end.
 static double deflection(const uint8_t *channel, uint16_t raw) {
     const int center = load_whole<uint16_t>(channel + channel_center_at);
     const int dead_band = load_whole<uint16_t>(channel + channel_dead_band_at);
@@ -140,7 +140,7 @@ static void add_menu_code(RcEvents &events, MenuCode code) {
     events.menu[events.menu_count++] = code;
 }
 
-// The value that the pass before published.
+// The value that the previous pass published.
 static double published_value(const uint8_t *block, int function) {
     return load_whole<double>(block + rc_values_at + function * sizeof(double));
 }
@@ -162,7 +162,7 @@ static int direction_of(double value) {
     return value > menu_dead_zone ? 1 : value < -menu_dead_zone ? -1 : 0;
 }
 
-// A change of direction is an event, but for the way back to the centre.
+// A change of direction is an event, except a return to the centre.
 static void watch_direction(double value, int &memory, MenuCode positive, MenuCode negative,
                             RcEvents &events) {
     const int direction = direction_of(value);
@@ -175,7 +175,7 @@ static void watch_direction(double value, int &memory, MenuCode positive, MenuCo
     }
 }
 
-// The sticks belong to the menu while it is open: the gimbal holds still.
+// While the menu is open, the sticks control it and the gimbal does not move.
 static void steer_menu(FunctionValues &functions, RcLoopState &state, RcEvents &events) {
     watch_direction(functions.sum[function_pan], state.horizontal, menu_right, menu_left, events);
     watch_direction(functions.sum[function_tilt], state.vertical, menu_up, menu_down, events);
@@ -183,7 +183,7 @@ static void steer_menu(FunctionValues &functions, RcLoopState &state, RcEvents &
     functions.sum[function_tilt] = 0.0;
 }
 
-// A setting that is not above 0 means no smoothing.
+// A setting of 0 or less means no smoothing.
 static double step_of(int32_t setting) {
     return setting > 0 ? smoothing_unit / setting : no_smoothing_step;
 }
@@ -232,7 +232,7 @@ static void add_record_command(RcEvents &events, RecordCommand command) {
     events.record[events.record_count++] = command;
 }
 
-// Any deflection records, the centre stops.
+// Either deflection starts recording, the centre stops it.
 static void watch_record_switch(const uint8_t *block, RcLoopState &state, RcEvents &events) {
     const int sign = sign_of(published_value(block, function_record_switch));
     if (sign != state.record_switch) {
@@ -241,7 +241,7 @@ static void watch_record_switch(const uint8_t *block, RcLoopState &state, RcEven
     }
 }
 
-// Each new deflection toggles.
+// Each new deflection toggles recording.
 static void watch_record_toggle(const uint8_t *block, RcLoopState &state, RcEvents &events) {
     const int sign = sign_of(published_value(block, function_record_toggle));
     const bool is_new = sign != 0 && sign != state.record_toggle;

@@ -1,5 +1,8 @@
 #pragma once
 
+// One pass of the radio-control loop, as a function of its inputs.
+// Stands on: config/config, rc/rc_block, rc/rc_block_layout.
+
 #include "config/config.h"
 #include "rc/rc_block.h"
 #include "rc/rc_block_layout.h"
@@ -7,11 +10,11 @@
 #include <cstddef>
 #include <cstdint>
 
-// One pass of the radio-control loop: raw channel values become normalised ones, functions are
-// summed, the gimbal axes are smoothed, menu and recording switches are watched. A function of the
-// block, the settings, the clock and the state of the pass before; it sends nothing.
+// A pass normalises raw channel values, sums them per function, smooths the gimbal axes and watches
+// the menu and recording switches. It depends only on the block, the settings, the clock and the
+// state of the previous pass, and it sends nothing.
 
-// Functions that a channel can drive and that mean something here; all others are only summed.
+// Functions that the daemon acts on; all others are only summed.
 constexpr int function_none = 0;
 constexpr int function_menu_switch = 1;
 constexpr int function_pan = 2;  // in the menu: left, right
@@ -21,7 +24,7 @@ constexpr int function_smoothing_off = 5;
 constexpr int function_record_switch = 9;
 constexpr int function_record_toggle = 45;
 
-// What the clients are told about the menu.
+// Menu codes, as clients receive them.
 enum MenuCode : uint8_t {
     menu_disabled = 1,
     menu_enabled = 2,
@@ -33,7 +36,7 @@ enum MenuCode : uint8_t {
 
 enum class RecordCommand : uint8_t { start, stop };
 
-// What one pass wants sent, in order: menu codes first.
+// What to send after a pass, in order: menu codes first.
 struct RcEvents {
     MenuCode menu[3];
     size_t menu_count;
@@ -41,14 +44,14 @@ struct RcEvents {
     size_t record_count;
 };
 
-// What a pass leaves to the next one.
+// What one pass passes on to the next.
 struct RcLoopState {
     bool present[rc_receiver_count];
     GimbalValues rc;    // smoothed
     GimbalValues app;   // smoothed
     GimbalValues total; // their sums
     bool is_menu_enabled;
-    int menu_switch; // the memories: the sign seen last
+    int menu_switch; // this and the four below: the last sign or direction seen
     int horizontal;
     int vertical;
     int record_switch;
@@ -56,8 +59,8 @@ struct RcLoopState {
     bool toggle_stops; // the next toggle stops recording
 };
 
-// Runs one pass on a block; `clock` gives now_ms, `app` is what clients want of the gimbal. Says
-// on standard error which receiver was found or lost. Allocates nothing, but for the channel list
-// of a receiver that is found.
+// Runs one pass on a block. `clock` is now_ms or a test's clock, `app` the app gimbal values.
+// Reports on standard error when a receiver is found or lost. Allocates memory only for the channel
+// list of a receiver that was found.
 RcEvents run_rc_pass(uint8_t *block, const ConfigRecord &config, uint32_t (*clock)(),
                      const GimbalValues &app, RcLoopState &state);

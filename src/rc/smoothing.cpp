@@ -2,6 +2,7 @@
 
 #include "base/pause.h"
 #include "base/relaxed.h"
+#include "base/state_file.h"
 
 #include <cstdio>
 #include <pthread.h>
@@ -10,7 +11,7 @@ constexpr uint32_t period_us = 100000;
 constexpr size_t text_size = 100;
 constexpr double never_published = -10000.0;
 
-// One triple as the two threads share it.
+// A triple that two threads share.
 struct SharedTriple {
     Relaxed<double> pan;
     Relaxed<double> tilt;
@@ -38,28 +39,24 @@ void format_gimbal_values(const GimbalValues &values, char *text, size_t size) {
     snprintf(text, size, "%f,%f,%f", values.pan, values.tilt, values.roll);
 }
 
-// A triple's state file, and what it was given last.
-struct StateFile {
-    const char *path;
+// A triple's file and the values last written to it.
+struct PublishedTriple {
+    StateFile file;
     const SharedTriple *triple;
     GimbalValues published;
 };
 
-static void write_state(const char *path, const GimbalValues &values) {
+static void write_values(StateFile &file, const GimbalValues &values) {
     char text[text_size];
     format_gimbal_values(values, text, sizeof text);
-    FILE *file = fopen(path, "we");
-    if (file != nullptr) {
-        fputs(text, file);
-        fclose(file);
-    }
+    write_state_file(file, text);
 }
 
-static void publish_changes(StateFile &state) {
+static void publish_changes(PublishedTriple &state) {
     const GimbalValues now{state.triple->pan, state.triple->tilt, state.triple->roll};
     if (now.pan != state.published.pan || now.tilt != state.published.tilt ||
         now.roll != state.published.roll) {
-        write_state(state.path, now);
+        write_values(state.file, now);
         state.published = now;
     }
 }
@@ -67,20 +64,20 @@ static void publish_changes(StateFile &state) {
 [[noreturn]] static void *run_publisher_thread(void * /*unused*/) {
     name_thread("smoothing");
     constexpr GimbalValues none{never_published, never_published, never_published};
-    StateFile files[] = {
-        {"/run/quillorbeacon/smooth_ptd_app_values", &app_triple, none},
-        {"/run/quillorbeacon/smooth_ptd_rc_values", &rc_triple, none},
-        {"/run/quillorbeacon/smooth_ptd_total_values", &total_triple, none},
+    static PublishedTriple triples[] = {
+        {{"/run/quillorbeacon/smooth_ptd_app_values"}, &app_triple, none},
+        {{"/run/quillorbeacon/smooth_ptd_rc_values"}, &rc_triple, none},
+        {{"/run/quillorbeacon/smooth_ptd_total_values"}, &total_triple, none},
     };
     for (;;) {
-        for (StateFile &file : files) {
-            publish_changes(file);
+        for (PublishedTriple &triple : triples) {
+            publish_changes(triple);
         }
         sleep_us(period_us);
     }
 }
 
-void start_smoothing_publisher() {
+int start_smoothing_publisher() {
     pthread_t thread{};
-    pthread_create(&thread, nullptr, run_publisher_thread, nullptr);
+    return pthread_create(&thread, nullptr, run_publisher_thread, nullptr) == 0 ? 0 : -1;
 }

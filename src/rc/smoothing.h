@@ -1,11 +1,13 @@
 #pragma once
 
+// Publishes the smoothed gimbal values for other programs on the board.
+// Stands on: rc/rc_block.
+
 #include "rc/rc_block.h"
 
 #include <cstddef>
 
-// The publisher of the smoothed gimbal values: three state files for other programs on the board,
-// each rewritten when one of its three values changes.
+// There are three state files; each is rewritten when one of its three values changes.
 
 // The three triples that the RC loop computes.
 struct SmoothedValues {
@@ -14,12 +16,12 @@ struct SmoothedValues {
     GimbalValues total;
 };
 
-// Hands the values of a pass over. RC loop only.
+// Passes the values of a pass to the publisher. RC loop only.
 void set_smoothed_values(const SmoothedValues &values);
 
-// Writes a triple as the state files hold it: six decimals each, separated by commas, no line end.
+// Formats a triple for a state file: six decimals each, separated by commas, no line end.
 void format_gimbal_values(const GimbalValues &values, char *text, size_t size);
 
-// Starts the publisher thread, which looks ten times a second. Without a thread nothing is
-// published.
-void start_smoothing_publisher();
+// Starts the publisher thread, which checks ten times a second. Returns 0, or -1 when it cannot be
+// started. Start-up only.
+int start_smoothing_publisher();

@@ -1,33 +1,34 @@
 #pragma once
 
-#include "net/relay_packet.h"
+// File download: sends a client one piece of a file at a time.
+// Stands on: net/relay, net/relay_packet, transfer/file_piece_layout, transfer/piece_reader,
+// transfer/transfer_lock.
 
-#include <cstddef>
 #include <cstdint>
 
-// File download: a client asks for one piece of a file at a time, a worker thread reads it and
-// sends it back as a relay_type_file packet. One request is pending at a time; a newer one replaces
-// it. Only regular files are served; everything else reads as missing. A file whose reads would
-// wait for news ends where they would.
+// A client requests one piece at a time. A worker thread passes the request to a reader thread,
+// which reads the piece and sends it back as a relay_type_file packet. One request is pending at a
+// time, and a newer one replaces it. Only regular files are served; anything else is reported as
+// missing, and so is a file of 2 GiB or more, whose size does not fit in a piece. If a read would
+// block, as in some files of /proc, the piece ends there.
 //
-// The worker looks for a request every 30 ms, and every 0.1 ms during a transfer: from its first
-// request until the piece that reaches the end of the file, or until 50000 turns in a row, some ten
-// seconds, have found none.
+// When a disk does not answer, the worker abandons the reader after 250 ms and serves the next
+// request with a new one. The abandoned reader sends its piece late, unless another one has been
+// requested by then; a repeated request for its piece is left to it. While four readers are
+// abandoned, everything else is reported as missing.
+//
+// The worker checks for a request every 30 ms, and every 0.1 ms during a transfer. A transfer
+// begins with its first request. It ends with the piece that reaches the end of the file, or after
+// 50000 checks in a row (some ten seconds) without a request.
 
-// The piece's layout in the payload; numbers are little-endian.
-constexpr size_t piece_length_at = 0;    // u16, data bytes in this piece
-constexpr size_t piece_offset_at = 2;    // u32, of the piece in the file
-constexpr size_t piece_full_size_at = 6; // u32, of the file
-constexpr size_t piece_data_at = 10;
-constexpr size_t piece_capacity = 59990; // data bytes
-static_assert(piece_data_at + piece_capacity == relay_payload_capacity);
-
-// Starts the worker. Returns 0, or -1 when its thread cannot be had. Start-up only.
+// Starts the worker and the first reader. Returns 0, or -1 when a thread cannot be started.
+// Start-up only.
 int init_file_download();
 
-// Asks for the piece of `path` at `offset`, to be sent to `host` and `port`. A path is cut to 255
-// characters. Any thread; waits while a piece is being read and sent.
+// Requests the piece of `path` at `offset`, to be sent to `host` and `port`. An empty path, or one
+// of more than 255 characters, is reported as missing. Any thread; blocks while a piece is being
+// sent, not while one is being read.
 void request_file_download(const char *host, uint16_t port, const char *path, int32_t offset);
 
-// Forgets the pending request and what is known of its file. Any thread.
+// Drops the pending request and what is known about its file. Any thread.
 void reset_file_download();

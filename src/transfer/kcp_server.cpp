@@ -16,9 +16,9 @@ constexpr int datagram_size = 1400;
 
 static UdpEndpoint kcp_endpoint;
 static uint8_t datagram_buffer[receive_size];
-// What ikcp_recv delivers; touched by the receive thread only.
+// Filled by ikcp_recv; used by the receive thread only.
 static char data_buffer[receive_size];
-// Null: the server has not been started. All operations on it run under the transfer lock.
+// Null until the server is started. All operations on it need the transfer lock.
 static ikcpcb *control_block;
 static KcpDataHandler handle_data;
 

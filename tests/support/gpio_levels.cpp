@@ -1,8 +1,8 @@
-// GPIO levels for the system tests, behind the functions the daemon calls: the level of pin N is
-// what the file /run/gpio/N says ("0" low, anything else or no file: high). Every call is noted in
-// /run/gpio/calls, of the reads the first of each pin; so is a pid file that gpioInitialise finds.
-// A file /run/gpio/broken makes gpioInitialise fail. As the real library does, gpioInitialise takes
-// over all signals, without restarting what they interrupt.
+// GPIO levels for the system tests, through the functions that the daemon calls. The file
+// /run/gpio/N has the level of pin N ("0": low; anything else or no file: high). Every call is
+// logged in /run/gpio/calls, but of the reads only the first for each pin; a pid file that
+// gpioInitialise finds is logged too. A file /run/gpio/broken makes gpioInitialise fail. Like the
+// real library, gpioInitialise installs handlers for all signals, without SA_RESTART.
 #include "pigpio.h"
 
 #include <array>

@@ -1,4 +1,4 @@
-"""Running beaconctl on a board, also at a terminal, and a bad link between it and the daemon."""
+"""Runs beaconctl on a board, also at a terminal, and over a bad link to the daemon."""
 
 import fcntl
 import os
@@ -17,11 +17,17 @@ import pytest
 from conftest import BUILD, SANITIZERS, wait_until
 
 PROGRAM = BUILD / "beaconctl"
-LIMIT = 60.0  # for a command to end, on a machine with a lot to do
+COMMANDS = ["discover", "watch", "view", "get", "set", "check", "record", "download", "scan", "rc",
+            "gimbal", "shot", "restart", "reboot", "raw"]
+LIMIT = 60.0  # for a command to end, even on a busy machine
+# Before a key picture: as much of its parameter sets as beaconctl looks at.
+PARAMETER_SET = b"\0\0\0\1\x67\x42\xc0\x1f\0\0\0\1\x68\xce\0\0\0\1\x65"
 
 
 class Ctl:
-    """ctl("get", "wifi") runs a command to its end; start() and at_terminal() let it run."""
+    """ctl("get", "wifi") runs a command and waits for it; start() and at_terminal() do not wait."""
+
+    runner = ()
 
     def __init__(self, board):
         self.board = board
@@ -38,22 +44,44 @@ class Ctl:
     def start(self, *words, **options):
         options = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE,
                    "stderr": subprocess.PIPE, **options}
-        return self.board.popen(PROGRAM, *words, env=SANITIZERS, cwd="/tmp", **options)
+        return self.board.popen(*self.runner, PROGRAM, *words, env=SANITIZERS, cwd="/tmp",
+                                **options)
 
     def at_terminal(self, *words, columns=80, rows=24, **options):
         return Terminal(self, words, columns, rows, options)
 
 
-def send_signal(process, number=signal.SIGINT):
-    """To the program itself, which runs below the one that brought it onto the board."""
+class StandInCtl(Ctl):
+    """With programs of the test's own, in the board's /tmp/bin, in front of those of the machine."""
+
+    runner = ("/usr/bin/env", "PATH=/tmp/bin:/usr/bin:/bin")
+
+    def add(self, name, text):
+        self.board.write(f"/tmp/bin/{name}", "#!/bin/sh\n" + text).chmod(0o755)
+
+
+def program_of(process):
+    """The process id of the program itself, a child of the one that started it on the board."""
     children = Path(f"/proc/{process.pid}/task/{process.pid}/children")
     child = wait_until(lambda: children.read_text().split(), "the program's process")[0]
     wait_until(lambda: Path(f"/proc/{child}/comm").read_text() == "beaconctl\n", "the program")
-    os.kill(int(child), number)
+    return int(child)
+
+
+def start_recording(ctl, daemon, *words, options=()):
+    """A recording that has registered."""
+    before = daemon.errors().count("New client connected")
+    process = ctl.start(*options, "record", *words, text=False)
+    daemon.wait_error("New client connected", before + 1)
+    return process
+
+
+def send_signal(process, number=signal.SIGINT):
+    os.kill(program_of(process), number)
 
 
 def read_line(stream, timeout=20.0):
-    """The next line of a program's output; fails when there is none in time."""
+    """The next line of a program's output; fails when none arrives in time."""
     line = b""
     end = time.monotonic() + timeout
     while not line.endswith(b"\n"):
@@ -66,7 +94,7 @@ def read_line(stream, timeout=20.0):
 
 
 class Terminal:
-    """A beaconctl whose input, output and errors are a terminal of its own."""
+    """A beaconctl whose input, output and errors are its own terminal."""
 
     def __init__(self, ctl, words, columns, rows, options):
         self.master, slave = pty.openpty()
@@ -77,7 +105,7 @@ class Terminal:
         self.text = ""
 
     def expect(self, text, timeout=20.0):
-        """Waits until the terminal has shown `text`; forgets all up to there."""
+        """Waits until the terminal has shown `text`; discards everything up to it."""
         end = time.monotonic() + timeout
         while text not in self.text:
             left = end - time.monotonic()
@@ -98,8 +126,15 @@ class Terminal:
     def interrupt(self):
         send_signal(self.process)
 
+    def close(self):
+        """Closes the terminal, and waits for the program to end."""
+        ended = os.pidfd_open(program_of(self.process))
+        os.close(self.master)
+        assert select.select([ended], [], [], LIMIT)[0], "it goes on without its terminal"
+        os.close(ended)
+
     def end(self):
-        """Waits for the program's end; returns the exit status and what was shown last."""
+        """Waits for the program to end; returns the exit status and what was shown last."""
         end = time.monotonic() + 20.0
         while True:
             left = end - time.monotonic()
@@ -113,10 +148,15 @@ class Terminal:
         return status, self.text
 
 
-class BadLink:
-    """Passes datagrams between one client and the daemon, but for those that it is told to lose.
+# For at_terminal(): it is the controlling terminal, as a login's is, so that closing it sends SIGHUP.
+AS_LOGIN = {"start_new_session": True,
+            "preexec_fn": lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0)}
 
-    passes(to_client, number, datagram) tells whether the datagram, the number-th in its direction,
+
+class BadLink:
+    """Passes datagrams between one client and the daemon, except those that it should lose.
+
+    passes(to_client, number, datagram) says whether a datagram, the number-th in its direction,
     arrives.
     """
 
@@ -146,7 +186,7 @@ class BadLink:
         to_client = ready is self.back
         try:
             datagram, sender = ready.recvfrom(65536)
-        except OSError:  # the daemon is not there
+        except OSError:  # no daemon
             return
         if not to_client:
             self.client = sender
@@ -161,12 +201,21 @@ class BadLink:
     def send_to_daemon(self, datagram):
         try:
             self.back.send(datagram)
-        except ConnectionRefusedError:  # of the datagram before; the daemon may be there again
+        except ConnectionRefusedError:  # from the previous datagram; the daemon may be back
             self.back.send(datagram)
 
     def close(self):
         self.stopped.set()
         self.thread.join()
+
+
+def pieces_before(end):
+    """For a bad link that loses the pieces of a file from an offset on; its size is told before them."""
+    def passes(to_client, _number, datagram):
+        offset = int.from_bytes(datagram[14:18], "little")
+        return not to_client or datagram[1] != 4 or offset < end or offset >= 0x7FFFFFFE
+
+    return passes
 
 
 @pytest.fixture

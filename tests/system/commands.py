@@ -1,4 +1,4 @@
-"""Changing settings as a client does, and seeing what that made the daemon do."""
+"""Changes settings as a client does, and records what the daemon then does."""
 
 import json
 import subprocess
@@ -9,12 +9,12 @@ BOOT_FILE = "/boot/quillorbeacon.conf"
 SAVE = ["mount -o rw,remount /boot", "umount /boot", "mount /boot",
         "cat /boot/quillorbeacon.conf | sed 's/\r$//' > /run/quillorbeacon/config.conf"]
 
-# Said and run by other threads, at any time.
+# Printed and run by other threads, at any time.
 OTHER_ERRORS = ("parse_packet json ", "UDP server: ", "TCP server: ", "No free space on ",
                 "int cam ", "Internal cam ", "raspivid ")
 OTHER_COMMANDS = ("mount /dev/", "raspivid ")
 
-# A stand-in that waits while the file /tmp/hold/NAME exists, after it has logged its call.
+# A stand-in that logs its call and then waits while the file /tmp/hold/NAME exists.
 HOLDING_STAND_IN = b"""#!/sys/board/sh
 name=${0##*/}
 printf '%s\\n' "$name${*:+ $*}" >> /sys/board/log
@@ -25,7 +25,7 @@ printf '%s\\n' "$name ends" >> /sys/board/ends
 
 
 def update_text(param, *values, **members):
-    """An "updateconfig" command; a value that is None is left out."""
+    """An "updateconfig" command; values that are None are left out."""
     command = {"cmd": "updateconfig", "param": param}
     for number, value in enumerate(values, 1):
         if value is not None:
@@ -34,7 +34,7 @@ def update_text(param, *values, **members):
 
 
 def install(board, path, script):
-    """Puts a program of our own on the board, in the place of what is there."""
+    """Replaces a program on the board with our own."""
     target = board.path(path)
     if target.is_symlink() or target.exists():
         target.unlink()
@@ -43,7 +43,7 @@ def install(board, path, script):
 
 
 def hold(board, name, path=None):
-    """Makes the stand-in `name` wait from now on until release(board, name)."""
+    """Makes the stand-in `name` wait from now until release(board, name)."""
     board.write(f"/tmp/hold/{name}", "")
     install(board, path or f"/sys/board/bin/{name}", HOLDING_STAND_IN)
 
@@ -53,13 +53,13 @@ def release(board, name):
 
 
 def log_lines(board):
-    """The lines of the board's log, without storage mounts; only line feeds part them."""
+    """The lines of the board's log without storage mounts, split at line feeds only."""
     text = board.path("/sys/board/log").read_bytes().decode(errors="surrogateescape")
     return [line for line in text.split("\n") if "mount /dev/" not in line]
 
 
 def parse_settings(content):
-    """The keys and values of a configuration file, values as they stand there."""
+    """The keys and values of a configuration file; the values are unchanged."""
     settings = {}
     for line in content.decode(errors="surrogateescape").split("\n"):
         key, equals, value = line.removesuffix("\r").partition("=")
@@ -76,7 +76,7 @@ def running(board, name):
 
 
 def spawn(board, name, count=1):
-    """Starts a real program of that name on the board; `count` of it are then running."""
+    """Starts a real program of that name on the board; then `count` of them are running."""
     program = f"/tmp/programs/{name}"
     if not board.path(program).exists():
         board.write(program, board.path("/bin/sleep").read_bytes()).chmod(0o755)
@@ -92,7 +92,7 @@ class Console:
         self.board, self.daemon, self.client = board, daemon, client
         self.marks = 0
         self.commands = []  # what the last command ran through the shell
-        self.tools = []     # the calls of stand-ins that came of it
+        self.tools = []     # the calls of stand-ins that it caused
         self.errors = []    # the lines it wrote to standard error
 
     def send(self, param, *values, **members):
@@ -100,17 +100,17 @@ class Console:
         self.client.send(update_text(param, *values, **members))
 
     def finish(self):
-        """Waits until all that was sent has been carried out; returns the first line after it."""
+        """Waits until everything sent has been carried out; returns the first line after it."""
         self.marks += 1
         mark = f"mark-{self.marks}"
-        # Commands are taken one after another: this one is seen when those before it are done.
+        # Commands are handled in order: this one is seen when those before it are done.
         self.client.send(update_text(mark))
         text = f'{{"cmd": "updateconfig", "param": "{mark}"}}\n'
         self.daemon.wait_error(f"config_update: {text}", timeout=20.0)
         return f"parse_packet json {text}"
 
     def send_text(self, text):
-        """Sends a command, waits until it has been carried out and keeps what it did."""
+        """Sends a command, waits until it has been carried out and records what it did."""
         logged = len(log_lines(self.board)) - 1
         written = len(self.daemon.errors())
         self.client.send(text)
@@ -128,7 +128,7 @@ class Console:
         """Sends an update and waits for it; self.errors is what follows its own log line."""
         text = update_text(param, *values, **members)
         self.send_text(text)
-        # Other threads may have said something before.
+        # Other threads may have printed something before.
         own = f"config_update: {text.decode()}"
         assert own in self.errors
         del self.errors[:self.errors.index(own) + 1]
@@ -137,7 +137,7 @@ class Console:
         return self.board.path(BOOT_FILE).read_bytes()
 
     def saved(self):
-        """The settings that are in the file; the run-time copy has the same."""
+        """The settings in the file; checks that the run-time copy has the same."""
         settings = parse_settings(self.boot_file())
         assert parse_settings(self.board.path(CONFIG).read_bytes()) == settings
         return settings

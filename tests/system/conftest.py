@@ -1,4 +1,4 @@
-"""Fixtures of the system tests: each test gets a board of its own, on which it starts the daemon.
+"""Fixtures of the system tests: each test starts the daemon on its own board.
 
 The daemon under test is $QUILLORBEACON_BUILD/quillorbeacon, build/release by default.
 """
@@ -11,24 +11,39 @@ from pathlib import Path
 
 import pytest
 
-# Run by a script in the background, the programs would inherit a Ctrl-C that is ignored.
+# If a script runs pytest in the background or under nohup, Ctrl-C or a hangup is ignored, and programs
+# would inherit that.
 signal.signal(signal.SIGINT, signal.default_int_handler)
+signal.signal(signal.SIGHUP, signal.SIG_DFL)
 
 REPOSITORY = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(REPOSITORY / "sandbox"))
 
 from board import Board, Daemon, wait_until  # noqa: E402
+from viewer import Viewer  # noqa: E402
 
 BUILD = Path(os.environ.get("QUILLORBEACON_BUILD", REPOSITORY / "build/release")).resolve()
 BINARY = BUILD / "quillorbeacon"
 CONFIG = "/run/quillorbeacon/config.conf"
 
-# A sanitizer's finding must not look like one of the daemon's own exit statuses.
+# A sanitizer's finding must not look like one of the daemon's exit statuses.
 SANITIZERS = {
     "ASAN_OPTIONS": "detect_leaks=0:exitcode=99",
     "UBSAN_OPTIONS": "print_stacktrace=1:exitcode=99",
-    "TSAN_OPTIONS": "exitcode=99:halt_on_error=1",
+    # The process ends with its threads running, by design.
+    "TSAN_OPTIONS": "exitcode=99:halt_on_error=1:report_thread_leaks=0",
 }
+
+# For programs that use GStreamer: a board is new each time, and would look at every plugin again.
+MEDIA = {**SANITIZERS, "GST_REGISTRY": str(BUILD / "gstreamer-registry.bin")}
+
+
+def pytest_configure(config):
+    config.addinivalue_line("markers", "long: takes a minute of waiting, so it is begun first")
+
+
+def pytest_collection_modifyitems(items):
+    items.sort(key=lambda item: item.get_closest_marker("long") is None)
 
 
 @pytest.fixture
@@ -70,12 +85,12 @@ def start(board, tmp_path):
 
 @pytest.fixture
 def daemon(start):
-    """The daemon with an empty configuration, up and running."""
+    """The daemon, running with an empty configuration."""
     return start()
 
 
 def thread_of(daemon, name):
-    """The /proc folder of the daemon's thread of that name; each takes its name when it begins."""
+    """The /proc folder of the daemon's thread of that name. A thread sets its name as it starts."""
     tasks = Path(f"/proc/{daemon.pid}/task")
     return wait_until(lambda: next((task for task in tasks.iterdir()
                                     if (task / "comm").read_text() == name + "\n"), None),
@@ -83,12 +98,12 @@ def thread_of(daemon, name):
 
 
 def is_status(packet):
-    """Is a (type, sequence, payload) one of the status records that come ten times a second?"""
+    """Is a (type, sequence, payload) one of the status records that arrive ten times a second?"""
     return packet[0] == 0 and len(packet[2]) == 41 and packet[2][0] == 4
 
 
 class Client:
-    """A remote client at `host` of the board's network."""
+    """A remote client at address `host` on the board's network."""
 
     def __init__(self, board, host="127.0.0.2", port=0):
         self.socket = board.socket(bind=(host, port))
@@ -116,7 +131,7 @@ class Client:
         return datagram[1], int.from_bytes(datagram[4:8], "little"), datagram[12:]
 
     def receive(self, timeout=5.0):
-        """The next packet that is no status record, as receive_any gives it."""
+        """The next packet that is not a status record, as receive_any returns it."""
         end = time.monotonic() + timeout
         while True:
             packet = self.receive_any(max(end - time.monotonic(), 0.001))
@@ -124,7 +139,7 @@ class Client:
                 return packet
 
     def receive_type(self, kind, timeout=5.0):
-        """The next packet of that type; others are passed over."""
+        """The next packet of that type; others are skipped."""
         while True:
             packet = self.receive(timeout)
             if packet[0] == kind:
@@ -141,7 +156,7 @@ def make_client(board):
 
 @pytest.fixture
 def registered_client(make_client):
-    """registered_client(daemon, mode=...): a client that the daemon has taken in."""
+    """registered_client(daemon, mode=...): a client that is registered with the daemon."""
 
     def make(daemon, host="127.0.0.2", port=0, mode=b"\0"):
         client = make_client(host, port)
@@ -152,8 +167,24 @@ def registered_client(make_client):
     return make
 
 
+@pytest.fixture
+def watch(make_client):
+    """watch(daemon): a Viewer, a registered client that receives from now on."""
+    made = []
+
+    def make(daemon):
+        viewer = Viewer(make_client())
+        made.append(viewer)
+        daemon.wait_error("New client connected")
+        return viewer
+
+    yield make
+    for viewer in made:
+        viewer.close()
+
+
 class Producer:
-    """Writes frames into a frame ring as a source process does, by the ring's byte layout."""
+    """Writes frames to a frame ring as a source process does, using the ring's byte layout."""
 
     LAYOUTS = {"quillorbeacon_framebuffer": 300000, "quillorbeacon_framebuffer_transcoding": 65000}
 
@@ -187,7 +218,7 @@ class Producer:
         return self.memory[self.slot_at(slot) + 9] != 0
 
     def fill(self, slot, data, identifier, identifier_byte=0, length=None, ready=1):
-        """Fills a slot, its ready flag last."""
+        """Fills a slot and sets its ready flag last."""
         at = self.slot_at(slot)
         self.memory[at + 18:at + 18 + len(data)] = data
         self.memory[at:at + 4] = (len(data) if length is None else length).to_bytes(4, "little")

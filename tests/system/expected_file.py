@@ -1,4 +1,4 @@
-"""The configuration file as it must be, written out: "~" at a line's end stands for a blank."""
+"""The expected configuration file, written out; "~" at the end of a line stands for a blank."""
 
 LAYOUT = r'''# Quillorbeacon NG config file
 
@@ -294,7 +294,7 @@ zerotier_netid={zerotier_netid}
 
 '''
 
-# Texts that an empty configuration leaves empty.
+# Texts that are empty with an empty configuration.
 TEXTS = """device_name eth_static_ip eth_static_mask system_country ap_iface ap_ssid ap_psk
     ap_country wifi_iface wifi_ssid wifi_psk wifi_static_ip wifi_static_mask camera_iface
     camera_ssid camera_psk stream_udp_clients stream_rtmp_url stream_rtmp_key stream2_rtmp_url
@@ -308,14 +308,14 @@ class _Values(dict):
 
 
 def file_text(**settings):
-    """The file's bytes when these settings are set and all others as an empty file leaves them."""
+    """The file's bytes with these settings, all others as with an empty configuration."""
     camera = "-w 1280 -h 720 -fps 48 --bitrate 2000000 --preview 100,100,320,200"
     values = _Values({**dict.fromkeys(TEXTS, ""), "internal_camera_params": camera, **settings})
     text = LAYOUT.replace("~\n", " \n").replace("\n", "\r\n")
     return text.format_map(values).encode(errors="surrogateescape")
 
 
-# A value for every key, no two alike.
+# A value for every key, all different.
 ALL = {
     "app_type": "200", "device_name": "Tower cam %d", "fs_rw": "1", "make_preview": "1",
     "eth_static_ip_enabled": "201", "eth_static_ip": "10.1.2.3", "eth_static_mask": "255.240.0.0",

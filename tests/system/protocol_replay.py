@@ -20,7 +20,7 @@ LISTENERS = {"display": ("127.0.0.1", 5253), "notes": ("127.0.0.1", 5255),
 KEEP_ALIVE = b'!{"cmd":"set","name":"movement",'
 NO_ANSWER = b'{"cmd":"config_answer",}'
 SIGNALS = {"-6": "SIGABRT"}
-# Prints what belongs to its arguments, or to no arguments in particular.
+# Prints the output for its arguments, or the default output.
 STAND_IN = """#!/sys/board/sh
 name=${0##*/}
 printf '%s\\n' "$name${*:+ $*}" >> /sys/board/log
@@ -40,12 +40,12 @@ def offset_of(text):
 
 
 def fits(told, line):
-    """Is the line what the document tells? There "..." stands for any characters."""
+    """Does the line match the document? There "..." stands for any characters."""
     return re.fullmatch(text_part(told, told).pattern, line.encode()) is not None
 
 
 class Keeper(threading.Thread):
-    """Writes the current time into shared memory, over and over, as a reader process does."""
+    """Writes the current time to shared memory repeatedly, as a reader process does."""
 
     def __init__(self, memory, at):
         super().__init__(daemon=True)
@@ -68,7 +68,7 @@ class Keeper(threading.Thread):
 
 
 class Peer:
-    """A UDP program on the board, and what it has received and not looked at."""
+    """A UDP program on the board, and what it has received but not yet checked."""
 
     def __init__(self, opened):
         self.socket = opened
@@ -91,7 +91,7 @@ class Peer:
 
 
 class Stage:
-    """A daemon, started on a board as the document's "board" block says, and its surroundings."""
+    """A daemon on a board set up as the document's "board" block says, and its surroundings."""
 
     def __init__(self, board, start, steps):
         self.board = board
@@ -135,10 +135,10 @@ class Stage:
             self.keepers.clear()
 
     def finish_block(self, before, told):
-        """Nothing happened but what the example tells."""
+        """Checks that nothing happened except what the example shows."""
         self.sync_all()
         for name in CLIENTS:
-            # A camera tool that is slow to print is started once more.
+            # A camera tool that is slow to print may be started again.
             also = [packet for packet in self.peers[name].waiting if packet[:2] != b"R\3"]
             assert not also, f"{name} also got {also}"
         commands = self.commands_run()[self.commands_seen:]
@@ -171,7 +171,7 @@ class Stage:
                 self.sync(name)
 
     def sync(self, name):
-        """Waits until what this client sent is done; what came meanwhile is kept."""
+        """Waits until what this client sent has been handled; keeps what arrived meanwhile."""
         kept = self.peers[name].waiting
         self.clients[name].send(b'{"cmd":"config_request","param":"no section"}')
         while True:
@@ -194,7 +194,7 @@ class Stage:
         port = SOURCE_PORTS.get(step.party, 5252)
         self.peers[step.party].socket.sendto(data, ("127.0.0.1", port))
         if step.party in CLIENTS and data[12:13] in (b"\2", b"\3"):
-            self.sync(step.party)  # others send on sockets of their own
+            self.sync(step.party)  # others send on their own sockets
 
     def _expect_datagram(self, step):
         peer = self.peers[step.party]

@@ -1,7 +1,7 @@
-"""Reads the protocol documents: their examples, their tables and the programs they hold.
+"""Reads the protocol documents: their examples, tables and programs.
 
-The notation is described in docs/protocol.md under "How to read the examples"; whatever it does not
-allow is a DocumentError that names the line.
+docs/protocol.md describes the notation under "How to read the examples". Anything that it does not
+allow raises a DocumentError that names the line.
 """
 
 import re
@@ -28,7 +28,7 @@ class DocumentError(Exception):
 
 @dataclass
 class Part:
-    """The bytes of one line: as a regular expression, and literally where nothing is left open."""
+    """The bytes of one line: as a regular expression, and literally if they are fully given."""
 
     pattern: bytes = b""
     literal: bytes | None = b""
@@ -54,7 +54,7 @@ class Step:
     arguments: list
     sends: bool
     text: str = ""
-    header: int | None = None  # the relay packet's type, when the line begins with R and a digit
+    header: int | None = None  # the relay packet's type, if the line begins with R and a digit
     parts: list = field(default_factory=list)
     nothing: bool = False
     is_now: bool = False
@@ -112,7 +112,7 @@ def text_part(text, where):
 
 
 def byte_part(text, where):
-    """Hexadecimal bytes, ".." for any byte, "text" in quotes, xN behind one of them: N times."""
+    """Hexadecimal bytes, ".." for any byte, "text" in quotes; xN after one of them: N times."""
     part = Part()
     at = 0
     while at < len(text):
@@ -173,7 +173,7 @@ def add_part(step, text, comment, where):
     is_text = text.startswith(TEXT_STARTS) or step.text == "text"
     part = text_part(text, where) if is_text else byte_part(text, where)
     if is_text:
-        step.text = "text"  # a continuation goes on with it
+        step.text = "text"  # a continuation line extends it
     part.comment = comment
     step.parts.append(part)
 
@@ -216,7 +216,7 @@ def parse_row(line):
 
 
 def parse_document(name, text):
-    """Every fenced block and every table that has an "Offset" column."""
+    """Every fenced block, and every table with an "Offset" column."""
     document = Document(name, [], [])
     heading, block, columns, table = "", None, None, None
     for number, line in enumerate(text.splitlines(), 1):

@@ -1,4 +1,4 @@
-"""The splitting of H.264 streams into access units, as beacon-sim does it."""
+"""How beacon-sim splits H.264 streams into access units."""
 
 import itertools
 import subprocess
@@ -9,8 +9,8 @@ from conftest import BUILD
 
 FRAMES = 23
 
-# Name -> encoder options. Between them: with and without access unit delimiters, one and several
-# slices per picture, start codes of three and four bytes, pictures out of order, more than one
+# Name -> encoder options. Together they cover: with and without access unit delimiters, one and
+# more slices per picture, start codes of three and four bytes, pictures out of order, more than one
 # parameter set or SEI before a picture, slices cut to a size.
 STREAMS = {
     "plain": ["-preset", "ultrafast"],
@@ -41,14 +41,14 @@ def stream(request, tmp_path_factory):
 
 
 def split(file, seed=1, largest=1000):
-    """The lengths of the units of a stream that comes in pieces of 1 to `largest` bytes."""
+    """The lengths of the access units of a stream, fed in pieces of 1 to `largest` bytes."""
     text = subprocess.run([BUILD / "tests/access_units_print", file, str(seed), str(largest)],
                           check=True, stdout=subprocess.PIPE, timeout=60).stdout
     return [int(line) for line in text.split()]
 
 
 def count_pictures(stream, tmp_path):
-    """How many packets and how many pictures ffprobe finds in a stream."""
+    """The numbers of packets and pictures that ffprobe finds in a stream."""
     file = tmp_path / "part.h264"
     file.write_bytes(stream)
     text = subprocess.run(
@@ -66,7 +66,7 @@ def test_piece_sizes_do_not_matter(stream):
 
 
 def test_each_unit_is_one_picture(stream, tmp_path):
-    """The stream cut before any unit holds as many pictures as it holds units."""
+    """A stream cut before any access unit holds as many pictures as units."""
     units = split(stream)
     data = stream.read_bytes()
     assert len(units) == FRAMES and sum(units) == len(data)

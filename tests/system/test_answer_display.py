@@ -1,5 +1,5 @@
-"""The display section: what the screen tool prints becomes the current mode and two mode lists, one
-query runs at a time, and nothing is left behind.
+"""The display section: the screen tool's output becomes the current mode and two mode lists, one
+query runs at a time, and nothing leaks.
 """
 
 import os
@@ -16,8 +16,8 @@ SETTINGS = ('{"cmd":"config_answer","enabled":0,"vflip":0,"hflip":0,"osd":0,"osd
 DISPLAY_REQUEST = b'{"cmd":"config_request","param":"display"}'
 COMMANDS = ["-s", "-m CEA", "-m DMT"]
 
-# Prints the file named like the arguments; while there is a file ".hold" beside it, it says so
-# with a file ".held" and waits; then it prints the file ".rest".
+# Prints the file named like the arguments. If there is a file ".hold" next to it, creates a file
+# ".held", waits until ".hold" is removed, and then prints the file ".rest".
 TVSERVICE = """#!/sys/board/sh
 printf '%s\\n' "tvservice $*" >> /sys/board/log
 file="/sys/board/tv/$*"
@@ -29,7 +29,7 @@ while [ -e "$file.hold" ]; do sleep 0.02; done
 
 
 class Screen:
-    """A screen tool on the board that answers by its arguments."""
+    """A screen tool on the board whose output depends on its arguments."""
 
     def __init__(self, board):
         self.board = board
@@ -104,7 +104,7 @@ def shown(mode, cea="", dmt=""):
     ("state 0x12001A [HDMI CEA (20) YCbCr444 lim 16:9], 1920x1080 @ 50.00Hz, interlaced\n",
      '"state":1179674,"family":"CEA","code":"20","aspect":"16:9","size":"1920x1080","rate":50,'
      '"output":"HDMI","scan":"i"'),
-    # A token less before the aspect: all later ones shift.
+    # One token fewer before the aspect: all later ones shift.
     ("state 0x12000a [HDMI CUSTOM RGB full 16:9], 1280x720 @ 60.00Hz, progressive",
      '"state":1179658,"family":"CUSTOM","code":"RGB","aspect":"1280x720","size":"@","rate":0,'
      '"output":"HDMI","scan":"p"'),
@@ -115,13 +115,13 @@ def shown(mode, cea="", dmt=""):
     ("state 0x40002 [PAL 16:9], 720x576 @ 50.00Hz, progressive\n",
      '"state":262146,"family":"PAL","aspect":"16:9","size":"720x576","rate":50,'
      '"output":"CVBS","scan":"p"'),
-    # Neither of them goes by the composite rule.
+    # Neither of the words: the composite rule applies.
     ("state 0x120006 [DVI DMT (82) RGB full 16:9], 1920x1080 @ 60.00Hz, progressive\n",
      '"state":1179654,"family":"DVI","aspect":"DMT","size":"(82)","rate":0,'
      '"output":"CVBS","scan":"p"'),
     ("state 0x120002 [TV is off]\n",
      '"state":1179650,"family":"TV","aspect":"is","size":"off]\n","output":"CVBS","scan":"i"'),
-    # Two blanks make an empty token between them.
+    # Two blanks enclose an empty token.
     ("state  0x40001 [NTSC 4:3], 720x480 @ 60.00Hz, interlaced",
      '"state":0,"family":"0x40001","aspect":"[NTSC","size":"4:3],","rate":0,'
      '"output":"CVBS","scan":"i"'),
@@ -129,7 +129,7 @@ def shown(mode, cea="", dmt=""):
      '"state":1,"family":"[HDMI","code":"CEA","aspect":"lim","size":"16:9],","rate":0,'
      '"output":"HDMI","scan":"i"'),
     (" 0x10 PAL ", '"state":16,"family":"PAL","aspect":"","output":"CVBS","scan":"i"'),
-    # Tokens that are missing give no member.
+    # Missing tokens give no member.
     ("", '"output":"CVBS","scan":"i"'),
     ("HDMI", '"output":"HDMI","scan":"i"'),
     ("HDMI 0x10", '"state":16,"output":"HDMI","scan":"i"'),
@@ -139,7 +139,7 @@ def shown(mode, cea="", dmt=""):
      '"output":"HDMI","scan":"i"'),
     ("state 0x40001 [NTSC 4:3], 720x480 @",
      '"state":262145,"family":"NTSC","aspect":"4:3","size":"720x480","output":"CVBS","scan":"i"'),
-    # Every occurrence is removed; what is not a number is 0.
+    # Every occurrence is removed; anything but a number is 0.
     ("HDMI 0x0x1F0x - CEA ))(16()( - - ],4:],3], 1x1 - 6Hz,0Hz,",
      '"state":31,"family":"CEA","code":"16","aspect":"4:3","size":"1x1","rate":60,'
      '"output":"HDMI","scan":"i"'),
@@ -148,7 +148,7 @@ def shown(mode, cea="", dmt=""):
     ("state ten [PAL 4:3], 1x1 @ fastHz,",
      '"state":0,"family":"PAL","aspect":"4:3","size":"1x1","rate":0,"output":"CVBS","scan":"i"'),
     ("state 0x7fffffff", '"state":2147483647,"output":"CVBS","scan":"i"'),
-    # The two words count anywhere, in this case only.
+    # The two words count anywhere, but their case matters.
     ("hdmi 0x1 Progressive", '"state":1,"family":"Progressive","output":"CVBS","scan":"i"'),
     ("x 0x1 [PAL 4:3], 1x1 @ 50Hz, i nonprogressive xHDMIx",
      '"state":1,"family":"4:3],","code":"1x1","aspect":"i","size":"nonprogressive",'
@@ -261,7 +261,7 @@ def test_a_missing_tool_leaves_the_facts_empty(board, daemon, make_client):
 @pytest.mark.parametrize("arguments", COMMANDS)
 def test_a_second_query_meanwhile_gets_the_fixed_part(board, daemon, screen, make_client,
                                                       arguments, client_first):
-    """Client and data source are served by threads of their own, so that both can ask at once."""
+    """Client and data source are served by separate threads, so both can ask at once."""
     screen.prints("-s", "state 0x1 [PAL 4:3], 720x576 @ 50.00Hz, interlaced")
     screen.prints("-m CEA", CEA_TEXT)
     screen.prints("-m DMT", DMT_TEXT)
@@ -294,7 +294,7 @@ def child_processes(daemon):
 
 
 def test_nothing_is_left_behind_by_hundreds_of_queries(start, make_client):
-    """With room for 60 files, those of a few dozen forgotten pipes could not be opened."""
+    """With a limit of 60 descriptors, a few dozen leaked pipes would make opening fail."""
     daemon = start(runner=("/usr/bin/prlimit", "--nofile=60:60"))
     client = make_client()
     before = open_files(daemon)
@@ -302,7 +302,7 @@ def test_nothing_is_left_behind_by_hundreds_of_queries(start, make_client):
         section = b"display" if number % 4 == 0 else b"zerotier"
         client.send(b'{"cmd":"config_request","param":"' + section + b'"}')
         assert len(client.receive(20.0)[2]) > len(NOTHING)
-    # The daemon's own mounts come and go; a child that is left behind stays.
+    # The daemon's mount commands come and go; a child that was not reaped stays.
     wait_until(lambda: child_processes(daemon) == [], "no child processes")
     # A file that the daemon writes once a second may be open at the moment.
     wait_until(lambda: open_files(daemon) <= before, f"{before} open files again")

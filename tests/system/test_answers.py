@@ -1,6 +1,6 @@
-"""Configuration answers: each section to the byte, and the facts gathered at the moment of asking.
+"""Configuration answers: each section byte for byte, and the facts gathered when asked.
 
-What the display section tells of the screen has tests of its own.
+test_answer_display.py tests what the display section says about the screen.
 """
 
 import os
@@ -13,7 +13,7 @@ from conftest import CONFIG
 MODEL = "/sys/firmware/devicetree/base/model"
 NOTHING = b'{"cmd":"config_answer",}'
 
-# Every key with a value that no other key has; the two flags can only differ.
+# Every key with a value that no other key has; the two flags at least differ.
 FULL_CONFIG = "\n".join("""
 app_type=201 device_name="Roof-camera" system_country="DE" eth_static_ip_enabled=202
 eth_static_ip=192.168.7.9 eth_static_mask=255.255.128.0 ap_iface="int" ap_ssid="Roof-net"
@@ -113,7 +113,7 @@ def ask(client, section, more=b""):
 
 
 def install(board, tool, script):
-    """Puts a script in the place of a tool."""
+    """Replaces a tool with a script."""
     path = board.path(f"/sys/board/bin/{tool}")
     path.unlink()
     path.write_text("#!/sys/board/sh\n" + script)
@@ -125,7 +125,7 @@ def mount_memory(board, folder, size):
 
 
 def prepare_storage(board):
-    """122.994688 decimal megabytes on one place, 63.963136 on the other."""
+    """122.994688 decimal megabytes in one place, 63.963136 in the other."""
     mount_memory(board, "/mnt", 30028 * 4096)
     mount_memory(board, "/media", 15616 * 4096)
 
@@ -139,7 +139,7 @@ def test_every_setting_stands_under_its_name(board, start, make_client, section)
     board.prepare_output("tvservice",
                          "state 0x40001 [NTSC 4:3], 720x480 @ 60.00Hz, interlaced\n")
     install(board, "zerotier-cli", 'echo "of $*"\n')
-    # The trigger input is low: it wants to record as the settings do, and changes nothing.
+    # The trigger input is low: it asks for recording, as the settings do, so nothing changes.
     board.write("/run/gpio/205", "0")
     start(FULL_CONFIG, model="Board 5 B\0", gpio=True)
     assert ask(make_client(), section) == answer_of(FULL_ANSWERS[section])
@@ -179,7 +179,7 @@ def test_the_smallest_and_largest_numbers(start, make_client):
     assert b'"app_type":255,' in ask(client, "info")
 
 
-@pytest.mark.parametrize("param", [b"", b',"param":7', b',"param":null', b',"value":"system"'])
+@pytest.mark.parametrize("param", [b"", b',"param":[7]', b',"param":null', b',"value":"system"'])
 def test_a_request_without_a_section_gets_no_reply(daemon, make_client, param):
     client = make_client()
     client.send(b'{"cmd":"config_request"' + param + b"}")
@@ -267,7 +267,7 @@ def test_an_address_is_what_the_file_holds(board, start, make_client, content, s
 
 @pytest.mark.parametrize("size, megabytes", [
     (30028 * 4096, 122),             # 122.994688: truncated
-    (1280000000 * 4096, 5242880),    # more bytes than 32 bits hold
+    (1280000000 * 4096, 5242880),    # more bytes than fit in 32 bits
     (244 * 4096, 0),                 # 0.999424
 ])
 def test_free_space_in_decimal_megabytes(board, daemon, make_client, size, megabytes):

@@ -1,4 +1,4 @@
-"""beacon-sim, the simulated camera, gimbal and radio control, beside the real daemon."""
+"""beacon-sim, the simulated camera, gimbal and radio control, with the real daemon."""
 
 import fcntl
 import json
@@ -8,13 +8,14 @@ import signal
 import struct
 import subprocess
 import termios
-import threading
 import time
 from pathlib import Path
 
 import pytest
 
 from conftest import BUILD, REPOSITORY, SANITIZERS, wait_until
+from test_shared_memory_full import empty, fill
+from viewer import Program
 
 SIMULATOR = BUILD / "beacon-sim"
 BLOCK = "/dev/shm/shared_rc_raw"
@@ -26,31 +27,15 @@ SMALL = ["--size", "320x180", "--bitrate", "1000"]
 BARE = ["--no-video", "--no-audio"]
 
 
-class Simulator:
-    """The program on a board, with its output in files."""
+class Simulator(Program):
+    """beacon-sim on a board."""
 
     def __init__(self, board, folder, options, **started):
-        self.out, self.err = folder / "sim-out", folder / "sim-err"
-        with open(self.out, "wb") as out, open(self.err, "wb") as err:
-            self.process = board.popen(
-                SIMULATOR, *options, env={**SANITIZERS, **started.pop("env", {})},
-                **{"stdin": subprocess.DEVNULL, "stdout": out, "stderr": err, **started})
-
-    @property
-    def pid(self):
-        children = Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children")
-        return int(wait_until(lambda: children.read_text().split(), "the simulator")[0])
+        super().__init__(board, folder, SIMULATOR, *options, name="sim",
+                         env={**SANITIZERS, **started.pop("env", {})}, **started)
 
     def says(self, text, count=1):
         wait_until(lambda: self.out.read_text().count(text) >= count, f"{text!r} on stdout")
-
-    def complains(self, text, count=1):
-        wait_until(lambda: self.err.read_text().count(text) >= count, f"{text!r} on stderr")
-
-    def end(self, number=signal.SIGTERM):
-        """Ends it; returns the exit status."""
-        os.kill(self.pid, number)
-        return self.process.wait(20)
 
 
 @pytest.fixture
@@ -59,58 +44,14 @@ def simulate(board, tmp_path):
     return lambda *options, **started: Simulator(board, tmp_path, options, **started)
 
 
-class Viewer:
-    """A registered client that keeps the payloads of each type."""
-
-    def __init__(self, client):
-        self.client = client
-        self.payloads = {kind: [] for kind in range(5)}
-        self.stopped = threading.Event()
-        self.thread = threading.Thread(target=self.run)
-        self.thread.start()
-
-    def run(self):
-        registration_due = 0.0
-        while not self.stopped.is_set():
-            if time.monotonic() > registration_due:
-                self.client.register()
-                registration_due = time.monotonic() + 2.0
-            try:
-                kind, _, payload = self.client.receive_any(0.1)
-            except TimeoutError:
-                continue
-            self.payloads[kind].append(payload)
-
-    def video(self):
-        return b"".join(self.payloads[1])
-
-    def telemetry(self):
-        return [line for line in self.payloads[0] if line.startswith(b"T1 ")]
-
-    def frames(self):
-        """How many frames were published, as the telemetry says."""
-        lines = self.telemetry()
-        return int(re.search(rb"frames=(\d+)", lines[-1])[1]) if lines else 0
-
-    def close(self):
-        self.stopped.set()
-        self.thread.join()
+def telemetry(viewer):
+    return [line for line in viewer.payloads[0] if line.startswith(b"T1 ")]
 
 
-@pytest.fixture
-def watch(make_client):
-    """watch(daemon): a client that the daemon knows, and that receives from now on."""
-    made = []
-
-    def make(daemon):
-        viewer = Viewer(make_client())
-        made.append(viewer)
-        daemon.wait_error("New client connected")
-        return viewer
-
-    yield make
-    for viewer in made:
-        viewer.close()
+def frames_told(viewer):
+    """The number of published frames, according to the telemetry."""
+    lines = telemetry(viewer)
+    return int(re.search(rb"frames=(\d+)", lines[-1])[1]) if lines else 0
 
 
 def camera_angles(board):
@@ -118,7 +59,7 @@ def camera_angles(board):
 
 
 def decoded_frames(stream):
-    """How many pictures ffmpeg decodes, and its complaints."""
+    """The number of pictures that ffmpeg decodes, and its error messages."""
     result = subprocess.run(["ffmpeg", "-nostdin", "-v", "error", "-f", "h264", "-i", "-",
                              "-fps_mode", "passthrough", "-f", "framemd5", "-"],
                             input=stream, capture_output=True, check=False, timeout=60)
@@ -127,7 +68,7 @@ def decoded_frames(stream):
 
 @pytest.fixture
 def film(board):
-    """A file of one second, 25 frames and sound of another rate, on the board."""
+    """A one-second file on the board: 25 frames, and sound at another rate."""
     board.run("/usr/bin/ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
               "testsrc2=size=160x120:rate=25:duration=1", "-f", "lavfi", "-i",
               "sine=frequency=1000:sample_rate=44100:duration=1", "-c:v", "libx264", "-preset",
@@ -139,7 +80,7 @@ def test_everything_arrives(board, start, watch, simulate):
     daemon = start(QUIET + "audio_enabled=1\n")
     viewer = watch(daemon)
     simulator = simulate(*SMALL, "--record", "/tmp/record")
-    wait_until(lambda: viewer.frames() > 30, "a second of video", 20.0)
+    wait_until(lambda: frames_told(viewer) > 30, "a second of video", 20.0)
     assert simulator.end() == 0
     record = json.loads(board.path("/tmp/record/record.json").read_text())
     published = board.path("/tmp/record/published.h264").read_bytes()
@@ -147,10 +88,10 @@ def test_everything_arrives(board, start, watch, simulate):
     wait_until(lambda: len(viewer.payloads[2]) >= record["audio"], "the rest of the sound")
     assert viewer.video() == published and len(published) == record["bytes"]
     assert decoded_frames(published) == (record["frames"], b"")
-    assert len(viewer.telemetry()) == record["telemetry"]
-    assert [int(re.match(rb"T1 number=(\d+) ", line)[1]) for line in viewer.telemetry()] == list(
+    assert len(telemetry(viewer)) == record["telemetry"]
+    assert [int(re.match(rb"T1 number=(\d+) ", line)[1]) for line in telemetry(viewer)] == list(
         range(record["telemetry"]))
-    # A tone without seams: the samples' sign changes 880 times a second.
+    # A tone without gaps: the sign of the samples changes 880 times a second.
     sound = b"".join(viewer.payloads[2])
     assert len(sound) == 640 * record["audio"] > 0
     samples = [value for value, in struct.iter_unpack("<h", sound)]
@@ -246,7 +187,7 @@ def test_a_stick_script_moves_the_gimbal(board, start, simulate):
 
 @pytest.fixture
 def terminal():
-    """Both ends of a terminal: the one to type at, the one for a program."""
+    """Both ends of a terminal: one to type at, one for a program."""
     ends = os.openpty()
     yield ends
     for end in ends:
@@ -272,7 +213,7 @@ def test_keys_move_the_sticks(board, start, simulate, terminal):
     def state():
         return Path(f"/proc/{simulator_pid}/stat").read_text().rpartition(")")[2].split()[0]
 
-    # Ctrl-Z gives the terminal back, SIGCONT takes it again, Ctrl-C gives it back for good.
+    # Ctrl-Z restores the terminal, SIGCONT takes it again, Ctrl-C restores it for good.
     os.write(outside, b"\x1a")
     wait_until(lambda: state() == "T", "stopped")
     assert termios.tcgetattr(inside) == before
@@ -287,7 +228,7 @@ def test_it_waits_for_the_daemon(board, start, simulate):
     simulator = simulate(*SMALL)
     simulator.complains("beacon-sim: waiting for the daemon: there is no /dev/shm/shared_rc_raw\n")
     first = start(QUIET)
-    simulator.complains("beacon-sim: the daemon is there\n")
+    simulator.complains("beacon-sim: the daemon is running\n")
     first.wait_error("Video found")
     first.kill()
     simulator.complains("beacon-sim: the daemon is gone, waiting for it\n")
@@ -299,10 +240,23 @@ def test_it_waits_for_the_daemon(board, start, simulate):
 def test_shared_memory_alone_is_no_daemon(board, start, simulate):
     start(QUIET).kill()
     simulator = simulate()
-    simulator.complains("waiting for the daemon: nobody listens on 127.0.0.1\n")
+    simulator.complains("waiting for the daemon: nothing listens on 127.0.0.1\n")
     assert simulator.end() == 1
     assert simulator.err.read_text().endswith(
         "beacon-sim: stopped while waiting for the daemon\n")
+
+
+def test_a_full_shared_memory_is_waited_for(board, daemon, watch, simulate):
+    viewer = watch(daemon)
+    fill(board)
+    simulator = simulate(*SMALL)
+    simulator.complains("beacon-sim: /dev/shm is full, waiting for room\n")
+    empty(board)
+    simulator.complains("beacon-sim: /dev/shm has room again\n")
+    daemon.wait_error("Video found")
+    wait_until(lambda: frames_told(viewer) > 5, "video", 20.0)
+    assert simulator.end() == 0
+    assert simulator.err.read_text().count("\n") == 2
 
 
 def test_a_second_signal_ends_the_waiting_for_the_last_frames(board, daemon, simulate):
@@ -347,14 +301,14 @@ def test_a_file_is_played_once(board, start, watch, simulate, film):
 
 def test_a_file_is_played_again_and_again_into_the_transcoding_ring(
         board, start, watch, simulate):
-    # A plain stream, which cannot be wound back.
+    # A plain stream, which cannot seek.
     board.run("/usr/bin/ffmpeg", "-nostdin", "-v", "error", "-f", "lavfi", "-i",
               "testsrc2=size=160x120:rate=25:duration=0.6", "-c:v", "libx264", "/tmp/film.h264")
     daemon = start(QUIET + "transcoding_enabled=1\n")
     viewer = watch(daemon)
     simulator = simulate("--video", "/tmp/film.h264", "--rate", "25", "--size", "128x128",
                          "--ring", "transcoding")
-    wait_until(lambda: viewer.frames() > 40, "a third round", 20.0)
+    wait_until(lambda: frames_told(viewer) > 40, "a third round", 60.0)
     assert simulator.end() == 0
     assert simulator.err.read_text() == ""
     frames = int(re.search(r"video +(\d+) frames", simulator.out.read_text())[1])
@@ -363,8 +317,8 @@ def test_a_file_is_played_again_and_again_into_the_transcoding_ring(
 
 ERRORS = {
     ("--video", "/tmp/none"): (1, "cannot read /tmp/none: No such file or directory"),
-    ("--video", "/tmp/text"): (1, "cannot read /tmp/text: nothing that ffmpeg knows"),
-    ("--video", "/tmp/sound.wav"): (1, "/tmp/sound.wav holds no video"),
+    ("--video", "/tmp/text"): (1, "cannot read /tmp/text: not a format that ffmpeg knows"),
+    ("--video", "/tmp/sound.wav"): (1, "/tmp/sound.wav has no video"),
     ("--sticks", "/tmp/none"): (1, "cannot read /tmp/none: No such file or directory"),
     ("--sticks", "/tmp"): (1, "cannot read /tmp: Is a directory"),
     ("--sticks", "/tmp/text"): (1, '/tmp/text: line 1: not a time in seconds: "no"'),

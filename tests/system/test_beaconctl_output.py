@@ -1,4 +1,4 @@
-"""What beaconctl writes for scripts, and standard outputs that take nothing."""
+"""What beaconctl writes for scripts, and standard outputs that cannot be written."""
 
 import json
 import subprocess
@@ -15,7 +15,7 @@ PRINTING = [
     ["get"], ["get", "info"], ["get", "info", "--json"], ["set"], ["set", "display", "hflip", "1"],
     ["set", "automovement", "setstate", "0"], ["watch"], ["watch", "--once"], ["scan"], ["rc"],
     ["rc", "--json"], ["gimbal", "0", "0", "0"], ["--help"], ["set", "--help"], ["--version"],
-    ["raw", '{"cmd":"config_request","param":"system"}', "--seconds", "0.5"],
+    ["raw", '{"cmd":"config_request","param":"system"}', "--seconds", "2"],
 ]
 
 
@@ -40,7 +40,7 @@ def test_a_standard_output_that_is_full(board, daemon):
         for words in PRINTING:
             done = run_with_output(board, full, words)
             assert (done.returncode, done.stderr) == (1, FULL), words
-        # What failed before has its own exit status.
+        # An earlier failure has its own exit status.
         done = run_with_output(board, full, ["get", "nope"])
         assert done.returncode == 1 and "standard output" not in done.stderr
 
@@ -63,10 +63,11 @@ def test_a_reader_that_has_left_is_no_error(ctl, daemon):
 
 
 def test_set_tells_scripts_what_has_become_of_the_values(ctl, daemon):
-    done = ctl("set", "wlan", "ap_channel=11", "ap_ssid=a b", "--json")
+    done = ctl("set", "wlan", "ap_channel=11", "ap_ssid=a b", "--json", "--yes")
     assert (done.returncode, done.stderr) == (0, "")
     assert json.loads(done.stdout) == {"ap_ssid": "a b", "ap_channel": 11}
-    done = ctl("set", "--json", "internal_camera", "enabled=0", "camera_params=" + "x" * 120)
+    done = ctl("set", "--json", "internal_camera", "enabled=0", "camera_params=" + "x" * 120,
+               "--force")
     assert done.returncode == 1 and done.stderr.startswith("beaconctl: not taken as given: ")
     assert json.loads(done.stdout) == {"internal_camera_enabled": 0,
                                        "internal_camera_params": "x" * 99}
@@ -92,7 +93,7 @@ def test_lists_for_scripts(ctl):
 
 
 def test_status_for_scripts(ctl, daemon):
-    for words in (["--once", "--json"], ["--json"]):
+    for words in (["--once", "--json"], ["--json", "--once"]):
         done = ctl("watch", *words)
         assert (done.returncode, done.stderr, done.stdout.count("\n")) == (0, "", 1)
         status = json.loads(done.stdout)

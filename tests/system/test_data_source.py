@@ -1,4 +1,4 @@
-"""The data source: where its texts end, and what it is told."""
+"""The data source: where its texts end, and the commands that it gets."""
 
 import signal
 
@@ -20,7 +20,7 @@ def source(board):
 def test_a_text_is_not_completed_by_what_the_one_before_left(daemon, source):
     source.send(b'{"cmd":"nothing","param":"xxxxxxxx"}')
     daemon.wait_error('parse_packet json {"cmd":"nothing","param":"xxxxxxxx"}\n')
-    # No JSON by itself, which ends the process.
+    # Invalid JSON by itself, which ends the process.
     source.send(b'{"cmd":"nothing"')
     assert daemon.wait_exit(20.0) == -signal.SIGABRT
     assert 'parse_packet json {"cmd":"nothing"\n' in daemon.errors()

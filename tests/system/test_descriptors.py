@@ -1,4 +1,4 @@
-"""No descriptor is left open by a request, and none goes on to the programs that the daemon runs."""
+"""Requests leak no descriptor, and the programs that the daemon runs inherit none."""
 
 import os
 
@@ -31,7 +31,7 @@ def open_descriptors(daemon):
 
 
 def finish(client):
-    """Waits until all that was sent before has been dealt with."""
+    """Waits until everything sent before has been handled."""
     client.ask_info()
     while client.receive(20.0)[2][0] != 1:
         pass
@@ -70,12 +70,12 @@ def test_a_picture_that_is_not_sent_and_a_save_that_fails(board, daemon, client)
     ("dhcpcd", update_text("ethernet", "0")), ("pidof", update_text("rc", "0"))],
     ids=lambda each: each if isinstance(each, str) else "")
 def test_programs_get_no_socket_of_the_daemon(board, daemon, client, tool, payload):
-    """One that kept a socket and outlived the daemon would keep its port from the next."""
+    """A program that kept a socket and outlived the daemon would block the next daemon's port."""
     install(board, f"/sys/board/bin/{tool}", PROGRAM)
     client.send(payload)
     found = board.path("/sys/board/descriptors")
     wait_until(found.exists, tool)
-    # The daemon keeps sockets and shared memory open; what else there is belongs to the shell.
+    # The daemon keeps sockets and shared memory open; anything else belongs to the shell.
     assert "0 -> /dev/null" in found.read_text()
     assert "socket:" not in found.read_text()
     assert "/dev/shm/" not in found.read_text()

@@ -1,4 +1,4 @@
-"""What clients and the data source ask for: binary requests, JSON commands, Wi-Fi scans, and the
+"""Requests of clients and of the data source: binary requests, JSON commands, Wi-Fi scans, and the
 few payloads that end the process.
 """
 
@@ -34,7 +34,7 @@ class Source:
             self.send(b".")
 
     def receive_from(self, port):
-        """The next datagram from that port of the daemon, but no keep-alive."""
+        """The next datagram from that port of the daemon, keep-alives excepted."""
         end = time.monotonic() + 20.0
         while time.monotonic() < end:
             datagram, sender = self.socket.recvfrom(65535)
@@ -56,7 +56,7 @@ def source(board):
 
 @pytest.fixture
 def known_source(source, daemon):
-    """A data source that says something five times a second, so that it is not forgotten."""
+    """A data source that sends something five times a second, so that it is not lost."""
     source.thread.start()
     daemon.wait_error("Data found\n")
     yield source
@@ -70,7 +70,7 @@ def client(make_client):
 
 
 def reply(client):
-    """The payload of the next packet that is no status record."""
+    """The payload of the next packet that is not a status record."""
     end = time.monotonic() + 20.0
     while time.monotonic() < end:
         kind, _, payload = client.receive(20.0)
@@ -81,14 +81,14 @@ def reply(client):
 
 
 def expect_silence(client):
-    """All that the client sent before has been dealt with, and nothing came of it."""
+    """Checks that everything the client sent has been handled and had no effect."""
     client.ask_info()
     payload = reply(client)
     assert payload[0] == 1 and len(payload) == 44
 
 
 def commands(board, *tools):
-    """What was run of these tools."""
+    """The calls of these tools."""
     return [line for line in board.log()
             if line.removeprefix("sh -c ").split(" ")[0].split(";")[0] in tools]
 
@@ -98,7 +98,7 @@ def expect_abort(daemon):
 
 
 def said(daemon, *starts):
-    """The lines on standard error that begin so; other threads may say something in between."""
+    """The lines on standard error that begin so; other threads may print lines in between."""
     return [line for line in daemon.errors().splitlines() if line.startswith(starts)]
 
 
@@ -148,7 +148,7 @@ def test_nobody_waits_for_the_writer_of_a_screenshot(board, daemon, client):
     expect_silence(client)
 
 
-# What is passed on to the data source.
+# Passed on to the data source.
 
 @pytest.mark.parametrize("payload", [
     b'!{"cmd":"shot","param":""}', b"!", b"!{", b"!a\0b\xff", b"!" + b"x" * (LARGEST_PAYLOAD - 1),
@@ -201,6 +201,7 @@ def test_a_command_is_logged(daemon, client):
     b'{"cmd":"file","param":"put","value":"/etc/hostname"}', b'{"cmd":"file","param":""}',
     b'{"cmd":"rc","param":"","value":"0"}', b'{"cmd":"rc","param":"Get-channels"}',
     b'{"cmd":"updateconfig","param":"nothing"}', b'{"cmd":"updateconfig","param":""}',
+    b'{"cmd":5}', b'{"cmd":true}', b'{"cmd":"file","param":0}', b'{"cmd":"rc","param":-1.5e3}',
     b'{"cmd":"wlan","param":"status","value":"int"}', b'{"cmd":"wlan","param":"","value":""}',
 ])
 def test_unknown_names_do_nothing(board, daemon, client, command):
@@ -278,7 +279,7 @@ def test_later_names_and_what_follows_the_object_count_for_nothing(daemon, clien
 
 
 def test_a_short_command_after_a_long_one(daemon, client):
-    """No byte of the earlier payload is left behind the later one."""
+    """No byte of the earlier payload remains after the later one."""
     for command in (SYSTEM_REQUEST[:-1] + b',"value":"' + b"x" * 5000 + b'"}', SYSTEM_REQUEST):
         client.send(command)
         assert reply(client) == SYSTEM_ANSWER
@@ -347,25 +348,32 @@ def test_other_data_is_only_relayed(daemon, source, registered_client, datagram)
     assert "parse_packet" not in daemon.errors()
 
 
-FATAL = [
-    b"{", b"{]", b'{"cmd":"restart"', b'{"cmd":"config_request","param":"a\0b"}', b"{cmd:1}",
-    b"{}", b'{"param":"scan","value":"int"}', b'{"cmd":5}', b'{"cmd":null}', b'{"cmd":["restart"]}',
-    b'{"cmd":"wlan"}', b'{"cmd":"wlan","value":"int"}', b'{"cmd":"wlan","param":"scan"}',
-    b'{"cmd":"wlan","param":"status"}', b'{"cmd":"wlan","param":"scan","value":1}',
-    b'{"cmd":"file"}', b'{"cmd":"file","value":"x"}', b'{"cmd":"rc"}', b'{"cmd":"rc","value":"0"}',
-    b'{"cmd":"updateconfig"}', b'{"cmd":"updateconfig","value":"1"}',
+NOT_JSON = [b"{", b"{]", b'{"cmd":"restart"', b'{"cmd":"config_request","param":"a\0b"}', b"{cmd:1}",
+            b'{"cmd":tru}']
+LACKING = [
+    (b"{}", "cmd"), (b'{"param":"scan","value":"int"}', "cmd"), (b'{"cmd":null}', "cmd"),
+    (b'{"cmd":["restart"]}', "cmd"), (b'{"cmd":"wlan"}', "param"),
+    (b'{"cmd":"wlan","value":"int"}', "param"), (b'{"cmd":"wlan","param":"scan"}', "value"),
+    (b'{"cmd":"wlan","param":"status"}', "value"),
+    (b'{"cmd":"wlan","param":"scan","value":null}', "value"), (b'{"cmd":"file"}', "param"),
+    (b'{"cmd":"file","value":"x"}', "param"), (b'{"cmd":"rc"}', "param"),
+    (b'{"cmd":"rc","value":"0"}', "param"), (b'{"cmd":"updateconfig"}', "param"),
+    (b'{"cmd":"updateconfig","value":"1"}', "param"),
 ]
+FATAL = [*((command, "command is not JSON") for command in NOT_JSON),
+         *((command, f'command without "{name}"') for command, name in LACKING)]
 
 
-@pytest.mark.parametrize("command", FATAL)
-def test_what_ends_the_process(board, daemon, client, command):
+@pytest.mark.parametrize("command, reason", FATAL)
+def test_what_ends_the_process(board, daemon, client, command, reason):
     client.send(command)
     expect_abort(daemon)
     assert "parse_packet json {" in daemon.errors()
+    assert said(daemon, "Fatal") == [f"Fatal: {reason}"]
     assert commands(board, *ANY_TOOL) == []
 
 
-@pytest.mark.parametrize("command", FATAL)
+@pytest.mark.parametrize("command", [command for command, _ in FATAL])
 def test_what_ends_the_process_is_relayed_first(daemon, source, registered_client, command):
     other = registered_client(daemon)
     source.send(command)
@@ -436,7 +444,7 @@ def scan_output(*names):
     (scan_output('a"b', "c,d", "%n%s%d", "\u00fc\u20ac\U0001f4f7", "\\x00\\", "ESSID"),
      'a"b,c,d,%n%s%d,\u00fc\u20ac\U0001f4f7,\\x00\\,ESSID'),
     (scan_output("A", "x" * 32), "A," + "x" * 32),
-    ('ESSID:"A"\nESSID:"last"', "A,las"),    # no line end: a letter goes with the quote
+    ('ESSID:"A"\nESSID:"last"', "A,las"),    # no line end: a letter is lost with the quote
     ("ESSID:off/any\nESSID:\nESSID:\"\n ESSID:ab\n", "ff/an,,,"),
     ('ESSID:"a ESSID:"b"\n', 'a ESSID:"b'),
     ('essid:"a"\nESSID "b"\nESSID:"c"\n', "c"),
@@ -468,7 +476,7 @@ def test_a_list_beyond_the_reply_is_cut(board, daemon, client):
     expect_silence(client)
 
 
-# Requests that other parts carry out.
+# Requests that other modules carry out.
 
 def test_rc_channels_come_in_two_replies(daemon, client):
     client.send(b'{"cmd":"rc","param":"get-channels"}')

@@ -5,12 +5,13 @@ import os
 import random
 import re
 import socket
+import struct
 import time
 from pathlib import Path
 
 import pytest
 
-from conftest import wait_until
+from conftest import thread_of, wait_until
 
 CONTROL, DATA, VIDEO, AUDIO = 5252, 5000, 5001, 5003
 PORTS = [CONTROL, DATA, VIDEO, AUDIO]
@@ -23,7 +24,7 @@ def count(daemon, line):
 
 
 def udp_errors(daemon):
-    """How many datagrams have been dropped for their checksum, on this board."""
+    """How many datagrams this board has dropped because of their checksum."""
     names, numbers = [line.split() for line in
                       Path(f"/proc/{daemon.pid}/net/snmp").read_text().splitlines()
                       if line.startswith("Udp:")]
@@ -31,7 +32,7 @@ def udp_errors(daemon):
 
 
 def holds(condition, seconds):
-    """Is the condition true all that time?"""
+    """Does the condition hold all that time?"""
     end = time.monotonic() + seconds
     wait_until(lambda: not condition() or time.monotonic() > end, "the time over", seconds + 10)
     return condition()
@@ -70,7 +71,7 @@ def test_a_peer_is_found_once_lost_once_and_found_again(board, daemon, port, tim
 
 def test_every_server_tells_of_its_own_peer_only(board, daemon):
     sender = board.socket()
-    # The first to be lost again comes last.
+    # The first to be lost again is sent last.
     for port, line in ((CONTROL, "UDP server: UDP found"), (VIDEO, "Video found"),
                        (DATA, "Data found"), (AUDIO, "Audio found")):
         before = daemon.errors()
@@ -156,7 +157,7 @@ forged.sendto(header + datagram, ("127.0.0.1", 0))
 
 
 def send_with_wrong_checksum(board, daemon, port, datagram):
-    """The kernel copies the datagram to the daemon's buffer, more than 76 bytes, and drops it."""
+    """The kernel copies a datagram of more than 76 bytes to the daemon's buffer and drops it."""
     rejected = udp_errors(daemon)
     board.run("/usr/bin/python3", "-c", FORGE, str(port), datagram.hex())
     wait_until(lambda: udp_errors(daemon) == rejected + 1, "the datagram rejected")
@@ -219,7 +220,7 @@ def test_a_port_is_not_shared_with_another_program(board, daemon, port):
 
 
 def open_descriptors(daemon):
-    """Descriptor -> what it is, of all above standard error."""
+    """Descriptor -> its target, for all above standard error."""
     found = {}
     for entry in Path(f"/proc/{daemon.pid}/fd").iterdir():
         try:
@@ -273,7 +274,7 @@ def test_the_sockets_options(board, daemon, port):
         asked.setsockopt(socket.SOL_SOCKET, option, 10000000)
     with borrow_socket(daemon, udp_inodes(daemon)[port]) as its:
         for option in (socket.SO_RCVBUF, socket.SO_SNDBUF):
-            # As much as the kernel gives to one who asks for 10000000 bytes.
+            # What the kernel gives when asked for 10000000 bytes.
             assert (its.getsockopt(socket.SOL_SOCKET, option)
                     == asked.getsockopt(socket.SOL_SOCKET, option))
         assert its.getsockopt(socket.SOL_SOCKET, socket.SO_REUSEPORT) == 0
@@ -282,7 +283,7 @@ def test_the_sockets_options(board, daemon, port):
 
 
 def junk(dice, port):
-    """A random datagram, never empty and never a JSON command."""
+    """A random datagram that is not empty and not a JSON command."""
     size = dice.choice([1, 2, 11, 12, 13, 14, 60, dice.randrange(1, 2000), 30000, 65507])
     if port != CONTROL:
         return dice.randbytes(size).replace(b"{", b"|")
@@ -304,7 +305,7 @@ def test_junk_on_all_ports_is_survived(board, start, make_client, seed):
         for _ in range(25):
             port = dice.choice(PORTS)
             send_to(sender, port, junk(dice, port))
-        # The servers have come through it when they have done what was asked after it.
+        # The servers have survived when they handle a later request.
         asker.ask_info()
         assert asker.receive_type(0)[2][:1] == b"\x01"
         for port, kind in ((DATA, 0), (AUDIO, 2)):
@@ -313,3 +314,101 @@ def test_junk_on_all_ports_is_survived(board, start, make_client, seed):
             wait_until(lambda: watcher.receive_type(kind)[2] == sign, f"{sign} relayed")
     assert daemon.alive()
     assert "Video found\n" in daemon.errors()
+
+
+# Senders that are not one host.
+
+def send_as(board, sender, port, payload):
+    """Sends a datagram with any address as its sender's."""
+    # In the place of 0.0.0.0 the kernel would put an address of its own, so that is a frame on the
+    # loopback interface with its Ethernet header; it is taken with a broadcast as destination only.
+    target = "255.255.255.255" if sender == "0.0.0.0" else "127.0.0.1"
+    udp = struct.pack("!HHHH", 6000, port, 8 + len(payload), 0) + payload
+    head = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 20 + len(udp), 0, 0, 64, socket.IPPROTO_UDP, 0,
+                       socket.inet_aton(sender), socket.inet_aton(target))
+    total = sum(struct.unpack("!10H", head))
+    total = (total & 0xFFFF) + (total >> 16)
+    total = (total & 0xFFFF) + (total >> 16)
+    head = head[:10] + struct.pack("!H", ~total & 0xFFFF) + head[12:]
+    if sender == "0.0.0.0":
+        link = board.socket(socket.SOCK_RAW, family=socket.AF_PACKET)
+        link.sendto(bytes(12) + b"\x08\x00" + head + udp, ("lo", 0x0800))
+    else:
+        raw = board.socket(socket.SOCK_RAW, protocol=socket.IPPROTO_RAW)
+        raw.sendto(head + udp, (target, 0))
+
+
+NO_HOSTS = ["0.0.0.0", "255.255.255.255", "224.0.0.1", "239.255.255.250", "127.255.255.255"]
+RECEIVERS = {CONTROL: "control-rx", DATA: "data-rx", VIDEO: "video-rx", AUDIO: "audio-rx"}
+
+
+def forge(board, daemon, sender, port, payload):
+    """Sends a datagram with that sender's address; returns when the daemon is done with it."""
+    status = thread_of(daemon, RECEIVERS[port]) / "status"
+
+    def waits():
+        return int(re.search(r"^voluntary.*?(\d+)$", status.read_text(), re.MULTILINE)[1])
+
+    before = waits()
+    send_as(board, sender, port, payload)
+    wait_until(lambda: waits() > before, "the receive thread waiting again")
+
+
+@pytest.mark.parametrize("sender", NO_HOSTS)
+def test_a_sender_that_is_not_one_host_is_no_client_and_no_source(board, start, registered_client,
+                                                                 sender):
+    daemon = start("audio_enabled=1\n")
+    forge(board, daemon, "127.0.0.99", CONTROL, b"R" + bytes(11) + b"\2\0")
+    daemon.wait_error("New client connected from 127.0.0.99:6000 ")
+    client = registered_client(daemon)
+    for port in RECEIVERS:
+        for payload in (b"R" + bytes(11) + b"\2\0", b'R' + bytes(11) + b'{"cmd":"restart"}',
+                        b'{"cmd":"restart"}'):
+            forge(board, daemon, sender, port, payload)
+    assert daemon.alive()
+    assert "New client connected from " + sender not in daemon.errors()
+    assert not [line for line in daemon.errors().splitlines()
+                if line in ("Data found", "Video found", "Audio found")
+                or line.startswith("parse_packet")]
+    client.ask_info()
+    kind, _, payload = client.receive()
+    assert kind == 0 and payload[0] == 1, "nothing was relayed"
+
+
+@pytest.mark.parametrize("sender", NO_HOSTS)
+def test_a_sender_that_is_not_one_host_does_not_take_a_sources_place(board, daemon, sender):
+    source = board.socket(bind=("127.0.0.3", 0), timeout=1.0)
+    client = board.socket(bind=("127.0.0.2", 0))
+
+    def gets_the_command():
+        # The source is forgotten after two seconds: on a busy machine it has to speak again.
+        send_to(source, DATA, b"telemetry")
+        # Of several datagrams on their way, the thread may be done with the first only.
+        for _ in range(3):
+            forge(board, daemon, sender, DATA, b"telemetry")
+        send_to(client, CONTROL, b"R" + bytes(11) + b"!for the source")
+        try:
+            while source.recv(65535) != b"!for the source":
+                pass
+        except TimeoutError:
+            return False
+        return True
+
+    wait_until(gets_the_command, "the command at the source")
+
+
+def test_multicast_for_other_programs_does_not_reach_the_daemon(board, daemon):
+    """A socket gets the multicast that any socket on the board has joined, unless it declines."""
+    loopback = socket.inet_aton("127.0.0.1")
+    joined = board.socket(bind=("127.0.0.1", 0))
+    joined.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                      socket.inet_aton("239.1.1.1") + loopback)
+    sender = board.socket(bind=("127.0.0.3", 0))
+    sender.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, loopback)
+    listener = board.socket(bind=("0.0.0.0", 6001), timeout=10.0)
+    for port in (DATA, 6001):
+        sender.sendto(b"frames of somebody else", ("239.1.1.1", port))
+    assert listener.recv(100) == b"frames of somebody else", "another socket does get it"
+    send_to(board.socket(bind=("127.0.0.4", 0)), VIDEO, b"x")
+    daemon.wait_error("Video found\n")
+    assert "Data found" not in daemon.errors()

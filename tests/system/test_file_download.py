@@ -1,4 +1,4 @@
-"""File download: pieces byte for byte, their sizes and messages, and what is no file."""
+"""File download: pieces byte for byte, their sizes and messages, and paths that are not files."""
 
 import json
 import os
@@ -48,7 +48,7 @@ def get(client, path, offset=0):
 
 
 def said(daemon):
-    """What the service has said, in order."""
+    """The lines that the service has printed, in order."""
     return [line for line in daemon.errors().splitlines()
             if line.startswith(("File %", "File /", "File  ", "file ", "Failed to read file",
                                 "File finished"))]
@@ -183,7 +183,7 @@ def test_a_negative_offset_gives_no_piece_and_leaves_no_file_open(board, daemon,
         ask(client, "/run/f", -number)
         daemon.wait_error(FINISHED, number)
     wait_until(lambda: open_files(daemon) <= before, "no file left open")
-    # The next packet is the next request's.
+    # The next packet answers the next request.
     assert get(client, "/run/f", 99999) == (99999, 100000, content(100000)[-1:])
     daemon.wait_error(FINISHED, 202)
     assert said(daemon)[3:5] == [request_line(client, "/run/f", -2), "File finished"]
@@ -208,7 +208,7 @@ def test_a_file_that_grows_keeps_its_size_to_the_transfers_end(board, daemon, cl
     board.write("/run/f", data)
     assert get(client, "/run/f", PIECE) == (PIECE, 100000, data[PIECE:2 * PIECE])
     daemon.wait_error(FINISHED)
-    # The next transfer finds the new one.
+    # The next transfer reads the new file.
     assert get(client, "/run/f", 2 * PIECE) == (2 * PIECE, 150000, data[2 * PIECE:])
 
 
@@ -257,7 +257,7 @@ def test_another_file_amid_a_transfer_has_its_own_size(board, daemon, client, ma
 
 
 def download(client, path, data, lose_each=0):
-    """Fetches and compares the whole file, losing each so-manieth piece; returns the number of
+    """Fetches and compares the whole file, losing every `lose_each`-th piece; returns the number of
     pieces received."""
     offset = received = 0
     while offset < len(data):
@@ -278,7 +278,7 @@ def test_a_large_file(board, daemon, client):
     daemon.wait_error(FINISHED)
 
 
-# The second file's last piece is lost: that the transfer is over does not matter.
+# The second file's last piece is lost; it does not matter that the transfer is over.
 @pytest.mark.parametrize("size, received", [(95 * PIECE + 7, 106), (9 * PIECE + 7, 11)])
 def test_lost_pieces_are_sent_again(board, daemon, client, size, received):
     data = content(size)
@@ -287,12 +287,30 @@ def test_lost_pieces_are_sent_again(board, daemon, client, size, received):
     daemon.wait_error(FINISHED, 1 if received == 106 else 2)
 
 
-def test_a_file_larger_than_its_size_can_tell(board, daemon, client):
+def test_the_largest_file(board, daemon, client):
     path = board.write("/run/f", "head")
-    os.truncate(path, 5_000_000_000)
+    os.truncate(path, 2**31 - 1)
     assert get(client, "/run/f") == (0, 2**31 - 1, b"head" + bytes(PIECE - 4))
     assert FINISHED not in daemon.errors()
-    assert get(client, "/run/f", 2**31 - 10) == (2**31 - 10, 2**31 - 1, bytes(PIECE))
+    assert get(client, "/run/f", 2**31 - 10) == (2**31 - 10, 2**31 - 1, bytes(9))
+    daemon.wait_error(FINISHED)
+
+
+@pytest.mark.parametrize("size", [2**31, 2**32 + 3, 5_000_000_000])
+@pytest.mark.parametrize("offset", [0, 2**31 - 10])
+def test_a_file_larger_than_its_size_can_tell(board, daemon, client, size, offset):
+    path = board.write("/run/f", "head")
+    os.truncate(path, size)
+    assert get(client, "/run/f", offset) == (0, 0, b"")
+    daemon.wait_error(FINISHED)
+    assert said(daemon)[1:] == [f"File /run/f is too large to send: {size} bytes", "File finished"]
+
+
+def test_a_file_that_grows_too_large_is_sent_as_it_was(board, daemon, client):
+    path = board.write("/run/f", content(100000))
+    assert get(client, "/run/f")[1] == 100000
+    os.truncate(path, 2**31)
+    assert get(client, "/run/f", PIECE)[:2] == (PIECE, 100000)
     daemon.wait_error(FINISHED)
 
 

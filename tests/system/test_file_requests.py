@@ -1,4 +1,4 @@
-"""File download requests: how they are read, requests that meet, and the worker's turns."""
+"""File download requests: how they are parsed, concurrent requests, and the worker's turns."""
 
 import ctypes
 import os
@@ -31,13 +31,23 @@ def turns(daemon):
 LONG = "/run/" + "n" * 248 + "/f"  # 255 characters
 
 
-@pytest.mark.parametrize("path", [LONG, LONG + "g", LONG + "/../" + "x" * 3000])
-def test_a_long_path_is_cut(board, daemon, client, path):
+def test_a_long_path(board, daemon, client):
     assert len(LONG) == 255
-    board.write(LONG, "cut")
-    assert get(client, path) == (0, 3, b"cut")
+    board.write(LONG, "long")
+    assert get(client, LONG) == (0, 4, b"long")
     daemon.wait_error(FINISHED)
-    assert said(daemon)[1:] == [piece_line(LONG, 3, 0, 3), "File finished"]
+    assert said(daemon)[1:] == [piece_line(LONG, 4, 0, 4), "File finished"]
+
+
+@pytest.mark.parametrize("path", [LONG + "g", LONG + "/../" + "x" * 3000])
+def test_a_longer_path_leads_to_no_file(board, daemon, client, path):
+    board.write(LONG, "another file")
+    assert get(client, path) == (0, 0, b"")
+    daemon.wait_error(FINISHED)
+    assert said(daemon) == [request_line(client, path, 0), f"Failed to read file {LONG}",
+                            "File finished"]
+    # Nor does its start count any longer.
+    assert get(client, LONG) == (0, 12, b"another file")
 
 
 def test_a_long_path_to_nothing(daemon, client):
@@ -60,7 +70,7 @@ def test_a_file_whose_reads_wait_for_news_holds_nobody_up(board, daemon, client)
         os.close(os.open(kernel_messages, os.O_RDONLY))
     except OSError as error:
         pytest.skip(f"{kernel_messages}: {error.strerror}")
-    # All there is is taken; then a read would wait.
+    # Everything available is read; the next read would block.
     for _ in range(1000):
         offset, full, data = get(client, kernel_messages)
         assert (offset, full) == (0, 0)
@@ -72,21 +82,26 @@ def test_a_file_whose_reads_wait_for_news_holds_nobody_up(board, daemon, client)
         assert get(client, "/run/f") == (0, 4, b"data")
 
 
-def test_a_request_without_a_path_is_not_answered(board, daemon, client):
+@pytest.mark.parametrize("members", ["", ',"value":""', ',"value":null,"value2":"1"'])
+def test_a_request_without_a_path_gets_the_empty_piece(board, daemon, client, members):
     board.write("/run/f", "data")
-    for command in ('{"cmd":"file","param":"get"}', '{"cmd":"file","param":"get","value":""}',
-                    '{"cmd":"file","param":"get","value":7,"value2":"1"}'):
-        client.send(command.encode())
-    daemon.wait_error(request_line(client, "", 0) + "\n", 2)
-    daemon.wait_error(request_line(client, "", 1) + "\n")
+    client.send(f'{{"cmd":"file","param":"get"{members}}}'.encode())
+    assert next_piece(client) == (0, 0, b"")
+    daemon.wait_error(FINISHED)
+    assert said(daemon)[1:] == ["Failed to read file ", "File finished"]
     seen = turns(daemon)
     wait_until(lambda: turns(daemon) >= seen + 3, "the worker's next turns")
     assert get(client, "/run/f") == (0, 4, b"data")
-    assert not [line for line in said(daemon) if line.startswith("Failed")]
+
+
+def test_a_number_is_a_path_as_well(board, daemon, client):
+    client.send(b'{"cmd":"file","param":"get","value":7,"value2":1}')
+    assert next_piece(client) == (0, 0, b"")
+    daemon.wait_error(request_line(client, "7", 1) + "\n")
 
 
 @pytest.mark.parametrize("member, offset", [
-    ("", 0), (',"value2":""', 0), (',"value2":"two"', 0), (',"value2":2', 0),
+    ("", 0), (',"value2":""', 0), (',"value2":"two"', 0), (',"value2":2', 2), (',"value2":null', 0),
     (',"value2":" 2nd"', 2), (',"value2":"0x3"', 0), (',"value2":"99999999999"', 2**31 - 1)])
 def test_how_an_offset_is_read(board, daemon, client, member, offset):
     board.write("/run/f", "data")
@@ -104,7 +119,7 @@ def test_only_get_is_served(board, daemon, client):
 
 
 def test_only_the_asking_client_gets_the_piece(board, daemon, client, registered_client):
-    """Asking needs no registration, and each piece has a packet number of its own."""
+    """Requests need no registration, and each piece has its own sequence number."""
     registered = registered_client(daemon, "127.0.0.3")
     board.write("/run/f", content(100000))
     numbers = []
@@ -127,7 +142,7 @@ def test_the_data_source_may_ask(board, daemon):
 
 
 class HeldWorker:
-    """Holds the file worker in the sleep between two of its turns, so that it holds no lock."""
+    """Stops the file worker in the sleep between two turns, when it holds no lock."""
 
     SEIZE, INTERRUPT, DETACH, WAIT_ALL = 0x4206, 0x4207, 17, 0x40000000
     # nanosleep, clock_nanosleep, restart_syscall
@@ -172,7 +187,7 @@ def test_a_newer_request_replaces_one_that_waits(board, daemon, client, make_cli
         daemon.wait_error(request_line(other, "/run/b", 2) + "\n")
     assert next_piece(other) == (2, 10, b"b" * 8)
     daemon.wait_error(FINISHED)
-    # The next packets are the next requests'.
+    # The next packets answer the next requests.
     assert get(client, "/run/c", 3) == (3, 10, b"c" * 7)
     assert get(other, "/run/c", 4) == (4, 10, b"c" * 6)
     assert not [line for line in said(daemon) if line.startswith("file /run/a")]
@@ -219,6 +234,6 @@ def test_the_worker_tires_of_a_client_that_has_gone(board, daemon, client):
     get(client, "/run/f")
     assert turns_a_second(daemon) > 300
     wait_until(lambda: turns_a_second(daemon) < 60, "an idle worker", 60)
-    # A client that comes back finds the transfer as it was.
+    # A client that comes back finds the transfer unchanged.
     board.write("/run/f", content(150000))
     assert get(client, "/run/f", PIECE)[1] == 100000

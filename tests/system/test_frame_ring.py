@@ -1,7 +1,8 @@
-"""The frame rings: how they are prepared, and how frames are taken out of them."""
+"""The frame rings: how they are prepared and how frames are taken from them."""
 
 import os
 import random
+import signal
 import stat
 import statistics
 import subprocess
@@ -13,7 +14,6 @@ import pytest
 from commands import Console
 from conftest import thread_of, wait_until
 from test_protocol_doc import PROGRAMS
-from test_tcp import connect, reset, wait_served  # noqa: F401
 
 MAIN = "quillorbeacon_framebuffer"
 TRANSCODING = "quillorbeacon_framebuffer_transcoding"
@@ -39,7 +39,7 @@ def header_bytes(read_index):
 
 
 def prepare_ring(board, read_index, slots, name=MAIN, size=None):
-    """Leaves a ring behind, as a producer would that ran before; `slots` maps number to bytes."""
+    """Creates a ring as an earlier producer would have left it; `slots` maps number to bytes."""
     with open(board.path(f"/dev/shm/{name}"), "wb") as ring:
         ring.write(header_bytes(read_index))
         for slot, content in slots.items():
@@ -49,12 +49,12 @@ def prepare_ring(board, read_index, slots, name=MAIN, size=None):
 
 
 def ring_lines(daemon, name=MAIN):
-    """What standard error says about damage in that ring."""
+    """The lines on standard error about damage in that ring."""
     return [line for line in daemon.errors().splitlines() if f"{name}:" in line]
 
 
 def wait_reader_passes(daemon, count=5):
-    """Waits until the idle frame reader has slept that often, once in each pass."""
+    """Waits until the idle frame reader has slept that many times, once per pass."""
     reader = thread_of(daemon, "frame-reader")
 
     def sleeps():
@@ -144,7 +144,7 @@ def test_a_restart_finds_the_same_rings_and_goes_on_at_the_read_index(board, sta
     client = receiver(start())
     assert [ring.stat().st_ino for ring in rings] == inodes
     assert producer.read_index == 5
-    # Nothing is remembered of the last frame before the restart.
+    # The last frame before the restart is not remembered.
     producer.fill(5, b"same identifier", producer.identifier)
     assert client.receive_type(1)[2] == b"same identifier"
 
@@ -302,7 +302,7 @@ def test_a_ring_of_garbage_is_survived(board, start, make_producer, receiver, se
         index = producer.read_index
         at = producer.slot_at(index)
         waits = not producer.memory[at + 9] or not any(producer.memory[at:at + 4])
-        return waits and producer.read_index == index  # not a slot that has just been taken
+        return waits and producer.read_index == index  # not a slot that was just taken
 
     for number in range(40):
         wait_until(is_stuck, "a slot that waits for the producer")
@@ -329,7 +329,7 @@ def test_the_transcoding_setting_chooses_the_ring(start, make_producer, receiver
     other.publish(b"other ring")
     random.seed(length)
     frame = random.randbytes(length)
-    for _ in range(3):  # a full slot must not reach into the next
+    for _ in range(3):  # a full slot must not overlap the next
         producer.publish(frame)
     assert receive_video(client, 3 * length) == 3 * frame
     assert other.is_ready(0) and other.read_index == 0
@@ -349,12 +349,17 @@ def test_an_idle_reader_finds_a_frame_soon(daemon, make_producer, receiver):
 
 def test_waiting_frames_are_taken_without_a_pause_between_them(daemon, make_producer):
     producer = make_producer()
-    for slot in range(1, 200):
-        producer.fill(slot, b"x", slot)
-    began = time.monotonic()
-    producer.fill(0, b"x", 0)
-    wait_until(lambda: not producer.is_ready(199), "all frames taken", interval=0)
-    assert time.monotonic() - began < 0.3  # with a pause of 2 ms after each it takes 0.4 s
+
+    def seconds_to_take_all(first):
+        for slot in range(1, 200):
+            producer.fill(slot, b"x", first + slot)
+        began = time.monotonic()
+        producer.fill(0, b"x", first)
+        wait_until(lambda: not producer.is_ready(199), "all frames taken", interval=0)
+        return time.monotonic() - began
+
+    # With a pause of 2 ms after each it takes 0.4 s, however quick the machine.
+    assert any(seconds_to_take_all(first) < 0.3 for first in range(0, 4000, 200))
 
 
 def test_each_duplicate_costs_a_pause(daemon, make_producer):
@@ -371,7 +376,7 @@ def test_switching_the_rings_leaves_each_its_place(board, daemon, make_client, m
                                                    receiver):
     console, client = Console(board, daemon, make_client("127.0.0.3")), receiver(daemon)
     main, second = make_producer(MAIN), make_producer(TRANSCODING)
-    second.identifier = 1000  # one is remembered for both rings
+    second.identifier = 1000  # both rings share the last identifier
 
     def indexes():
         return main.read_index, second.read_index
@@ -415,9 +420,8 @@ def sleeps_of(process):
     return int(status.split("\nvoluntary_ctxt_switches:")[1].split()[0])
 
 
-def test_frames_stay_whole_in_a_full_ring(board, daemon, make_producer, receiver, tmp_path,
-                                          connect):  # noqa: F811
-    """The documents' source writes while a client that does not read holds the daemon up."""
+def test_frames_stay_whole_in_a_full_ring(board, daemon, make_producer, receiver, tmp_path):
+    """The document's example source writes while the daemon is blocked."""
     frames = [b"\0\0\0\1\x09" + bytes([number % 250 + 2]) * 39995 for number in range(400)]
     stream = b"".join(frames)
     board.write("/tmp/stream", stream)
@@ -425,14 +429,14 @@ def test_frames_stay_whole_in_a_full_ring(board, daemon, make_producer, receiver
     subprocess.run(["gcc", "-O2", "-o", tmp_path / "ring_source", tmp_path / "source.c"],
                    check=True)
     board.write("/tmp/ring_source", (tmp_path / "ring_source").read_bytes()).chmod(0o755)
-    client, ring, slow = receiver(daemon), make_producer(), connect(receive_buffer=2000)
-    wait_served(daemon, slow)
+    client, ring = receiver(daemon), make_producer()
+    os.kill(daemon.pid, signal.SIGSTOP)
     source = board.popen("/bin/sh", "-c", "exec /tmp/ring_source < /tmp/stream")
 
     wait_until(lambda: sum(map(ring.is_ready, range(200))) >= 199, "a full ring", 30)
     process = process_on(board, "ring_source")
     end = sleeps_of(process) + 100
     wait_until(lambda: sleeps_of(process) > end, "a source that waits", 30)
-    reset(slow)
+    os.kill(daemon.pid, signal.SIGCONT)
     assert receive_video(client, len(stream)) == stream
     assert source.wait(30) == 0

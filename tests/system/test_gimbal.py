@@ -1,4 +1,4 @@
-"""The gimbal's state files: what the application and the sticks want, smoothed and published."""
+"""The gimbal's state files: the values of clients and sticks, smoothed and published."""
 
 import struct
 import time
@@ -6,7 +6,7 @@ import time
 import pytest
 
 from conftest import wait_until
-from test_rc import make_reader, sticks  # noqa: F401
+from rc_reader import make_reader, sticks  # noqa: F401
 
 RUN = "/run/quillorbeacon"
 QUIET = "recording_place=2\n"
@@ -47,7 +47,7 @@ def test_all_files_are_written_once_at_the_start(board, daemon):
     (32767, -32767, 0), (-32768, 1, -1), (16384, 256, 255), (0, 0, 32767)])
 def test_application_values(board, daemon, make_client, pan, tilt, roll):
     send_gimbal(make_client(), pan, tilt, roll)
-    # A step is 1.0 at most: -32768 takes two.
+    # A step is at most 1.0, so -32768 takes two.
     expected = values(*(part / 32767 for part in (pan, tilt, roll)))
     wait_texts(board, expected, ZEROS, expected)
 
@@ -111,7 +111,7 @@ def test_smoothing_takes_its_time(board, start, make_client):
 
 
 def test_the_periods_of_loop_and_publisher(board, start, make_client, make_reader):  # noqa: F811
-    """A hundred steps of 30 ms; the file follows every 100 ms. A sleep is never too short."""
+    """A hundred steps of 30 ms; the file is updated every 100 ms. A sleep is never too short."""
     start(QUIET + "app_pan_smooth=1\n")
     reader = make_reader()
     wait_texts(board, ZEROS, ZEROS, ZEROS)
@@ -126,7 +126,7 @@ def test_the_periods_of_loop_and_publisher(board, start, make_client, make_reade
     wait_until(is_there, "the value", 30.0)
     passed = time.monotonic() - begin
     assert 2.9 < passed < 9.0
-    # The empty text and the zeros among them.
+    # The empty text and the zeros are among them.
     assert 8 < len(seen) < passed / 0.1 + 4
 
 

@@ -1,7 +1,7 @@
-"""The GPIO library takes over all signals when it starts; the daemon keeps none of it but SIGPIPE.
+"""The GPIO library installs handlers for all signals; the daemon keeps only the one for SIGPIPE.
 
-The tests' library does as the real one: SIGPIPE and SIGCHLD go by but interrupt what a thread waits
-in, most others end the process by an exit of the library's own.
+The tests' library behaves like the real one: its handlers of SIGPIPE and SIGCHLD do nothing but
+interrupt blocked system calls; most others end the process with the library's own exit.
 """
 
 import os
@@ -18,7 +18,7 @@ from test_inputs import BUTTON, BUTTON_USED, HIGH, LOW, actions, set_level
 from test_status import next_record
 
 SLOW_BOARD = "Raspberry Pi Zero W"
-# A sanitizer catches these itself, and the C library two without names.
+# A sanitizer catches these itself; the C library uses two without names.
 CAUGHT_ANYWAY = {signal.SIGSEGV, signal.SIGBUS, signal.SIGFPE, 32, 33}
 NOT_EMULATED = pytest.mark.skipif(bool(EMULATOR), reason="the emulator catches signals itself")
 
@@ -47,7 +47,7 @@ def test_of_a_library_that_fails_nothing_else_stays_either(board, start):
 
 
 def test_commands_that_end_do_not_disturb_the_other_threads(board, daemon, registered_client):
-    """The status monitor's mounts end all the time, and so do the clients' commands."""
+    """The status monitor's mount commands and the clients' commands end all the time."""
     client = registered_client(daemon)
     board.socket(socket.SOCK_STREAM).connect(("127.0.0.1", 5252))
     daemon.wait_error("TCP server: Client connected")
@@ -62,12 +62,12 @@ def test_commands_that_end_do_not_disturb_the_other_threads(board, daemon, regis
 
 def test_a_button_on_a_slow_board_does_not_disturb_the_other_threads(
         board, start, registered_client):
-    """There the receiving threads are the first that a signal may go to."""
+    """There the signal may go to a receive thread first."""
     set_level(board, BUTTON, HIGH)
     daemon = start(BUTTON_USED, model=SLOW_BOARD, gpio=True)
     client = registered_client(daemon)
     for number in range(1, 4):
-        for _ in range(9):  # the button is examined twice and found released
+        for _ in range(9):  # the button is examined twice and seen released
             next_record(client)
         set_level(board, BUTTON, LOW)
         wait_until(lambda: not daemon.alive() or len(actions(daemon)) == number, "a press seen")

@@ -11,7 +11,7 @@ from commands import install
 from conftest import CONFIG, wait_until
 
 TRIGGER, BUTTON, SHOT = 4, 17, 22
-# Recordings go to an external disk that is not there, for which the poller runs no commands.
+# Recordings go to a missing external disk, for which the poller runs no commands.
 QUIET = "recording_place=2\n"
 TRIGGER_USED, BUTTON_USED, SHOT_USED = (
     QUIET + "recording_gpio=4\n", QUIET + "recording_btn_gpio=17\n", QUIET + "shot_btn_gpio=22\n")
@@ -33,7 +33,7 @@ def set_level(board, pin, level):
 
 
 def actions(daemon):
-    """What the inputs made the daemon do, in order."""
+    """What the daemon did because of the inputs, in order."""
     names = {START.strip(): "start", STOP.strip(): "stop", SHOT_LINE.strip(): "shot"}
     return [names[line] for line in daemon.errors().splitlines() if line in names]
 
@@ -44,7 +44,7 @@ def wait_actions(daemon, *expected):
 
 
 def update_lines(daemon):
-    """Standard error from the first action on, without what the TCP thread says at any time."""
+    """Standard error from the first action on, without the lines that the TCP thread may print."""
     lines = daemon.errors().splitlines(keepends=True)
     first = next(i for i, line in enumerate(lines) if line.startswith("config_update"))
     return [line for line in lines[first:]
@@ -63,7 +63,7 @@ def wait_cycles(daemon, count=9):
 
 
 def input_commands(board):
-    """The shell commands run after start-up's."""
+    """The shell commands that were run after start-up."""
     lines = [line[len("sh -c "):] for line in board.log() if line.startswith("sh -c ")]
     return lines[lines.index("dhcpcd --rebind eth0") + 1:]
 
@@ -74,7 +74,7 @@ def wait_commands(board, *expected):
 
 
 class PacedInput:
-    """An input whose level the daemon has to wait for whenever it reads it."""
+    """An input whose level the daemon must wait for each time it reads it."""
 
     def __init__(self, board, pin):
         self.path = board.path(f"/run/gpio/{pin}")
@@ -82,7 +82,7 @@ class PacedInput:
         os.mkfifo(self.path)
 
     def _begin(self):
-        """The pipe through which the daemon is reading the level; its next read gets a new one."""
+        """The pipe from which the daemon is reading the level; its next read gets a new one."""
         try:
             opened = os.open(self.path, os.O_WRONLY | os.O_NONBLOCK)
         except OSError as error:
@@ -132,7 +132,7 @@ class DataSource:
             pass
 
     def commands(self, until):
-        """The commands that come, without the keep-alive ones, up to the command `until`."""
+        """The commands received up to the command `until`, without keep-alives."""
         received, end = [], time.monotonic() + 8
         while not received or received[-1] != until:
             assert time.monotonic() < end, f"no {until} after {received}"
@@ -240,7 +240,7 @@ def test_a_button_held_at_start_up_counts_as_one_press(board, start, config, pin
 
 
 def test_a_released_button_must_be_seen_released_before_its_first_press(board, start):
-    """The level read at start-up is the first state, and a high level is that of a press seen."""
+    """The level at start-up is the initial state; high there counts as a press already seen."""
     shot = PacedInput(board, SHOT)
     daemon = start(SHOT_USED, gpio=True, ready=False)
     shot.feed(HIGH)
@@ -273,10 +273,10 @@ def test_a_level_read_within_300_ms_of_an_examination_is_not_used(board, start):
     early = None
     while early is None:
         before = actions(daemon)
-        examined = shot.feed(HIGH, after=0.4) + 0.4  # found released
+        examined = shot.feed(HIGH, after=0.4) + 0.4  # seen released
         shot.feed(LOW, after=0.12)                   # about 220 ms later
         decided = shot.feed(HIGH, after=0.4) - 0.1   # a cycle ends with a pause of 100 ms
-        if decided - examined < 0.3:                 # otherwise the daemon was held up
+        if decided - examined < 0.3:                 # otherwise the daemon was delayed
             early = actions(daemon)
     assert early == before
     shot.feed(LOW, after=0.4)
@@ -284,7 +284,7 @@ def test_a_level_read_within_300_ms_of_an_examination_is_not_used(board, start):
 
 
 def test_a_trigger_in_use_keeps_the_buttons_from_being_examined(board, start):
-    """All inputs share the time of the last examination."""
+    """All inputs share the time of the last check."""
     set_level(board, BUTTON, LOW)
     set_level(board, SHOT, LOW)
     trigger = PacedInput(board, TRIGGER)
@@ -296,7 +296,7 @@ def test_a_trigger_in_use_keeps_the_buttons_from_being_examined(board, start):
 
 
 def test_the_time_of_an_examination_is_that_after_its_command(board, start, data_source):
-    """However long the command takes, the button is not looked at in the same cycle."""
+    """However long the command takes, the button is not examined in the same cycle."""
     install(board, "/sys/board/app/cams/kill-cams.sh", "#!/sys/board/sh\nsleep 0.6\n")
     set_level(board, TRIGGER, LOW)
     set_level(board, BUTTON, LOW)
@@ -340,7 +340,7 @@ def test_a_shot_button_held_while_recording_fires_once_recording_stops(board, st
     set_level(board, BUTTON, HIGH)
     shot = PacedInput(board, SHOT)
     daemon = start(BUTTON_USED + SHOT_USED, gpio=True, ready=False)
-    shot.feed(HIGH)             # the first state
+    shot.feed(HIGH)             # the initial state
     shot.feed(HIGH, after=0.4)  # examined: released
     set_level(board, BUTTON, LOW)
     wait_until(lambda: shot.feed_if_read(HIGH) or actions(daemon), "recording started")

@@ -1,6 +1,6 @@
-"""The board's own camera: when its program is run and how, and what the clients get of its stream.
+"""The board's own camera: when and how its program is run, and what clients get of its stream.
 
-raspivid is a script of the test's, which delivers a stream that ffmpeg has encoded.
+raspivid is a script of the test that delivers a stream encoded by ffmpeg.
 """
 
 import ctypes
@@ -13,12 +13,14 @@ from pathlib import Path
 
 import pytest
 
+from board import promised
 from conftest import is_status, wait_until
+from test_hung_commands import runs
 from test_status import next_record
 
 LIBC = ctypes.CDLL(None)
 CAMERA = 3
-SO_RCVBUFFORCE = 33  # more than the usual limit; Python has no name for it
+SO_RCVBUFFORCE = 33  # ignores the usual limit; not in Python's socket module
 PIECE = 60000
 STACK = 8 << 20  # of a thread
 ON = "recording_place=2\ninternal_camera_enabled=1\n"
@@ -31,7 +33,7 @@ STREAM = "/sys/board/camera.h264"
 PIDS = "/sys/board/camera.pids"
 RASPIVID = "/sys/board/bin/raspivid"
 
-# What the camera's program does.
+# What the camera's program may do.
 DELIVER_AND_STAY = f"cat {STREAM}; exec sleep 1000"
 STAY_SILENT = "exec sleep 1000"
 FAIL = "exit 1"
@@ -39,7 +41,7 @@ FAIL = "exit 1"
 
 @pytest.fixture(scope="session")
 def stream(tmp_path_factory):
-    """Three seconds of H.264 as a camera delivers it: some ten pieces and a rest."""
+    """Three seconds of H.264 as a camera delivers it: some ten pieces and a remainder."""
     if shutil.which("ffmpeg") is None:
         pytest.skip("ffmpeg is not installed")
     path = tmp_path_factory.mktemp("camera") / "stream.h264"
@@ -54,7 +56,7 @@ def stream(tmp_path_factory):
 
 @pytest.fixture
 def camera(board, stream):
-    """camera(SCRIPT): what raspivid does on the board from its next start on."""
+    """camera(SCRIPT): sets what raspivid does on the board from its next start on."""
 
     def install(script):
         board.write(STREAM, stream)
@@ -80,7 +82,7 @@ def commands(board):
 
 
 def wait_said(daemon, *lines):
-    """Waits for the lines on standard error, in this order; others may stand in between."""
+    """Waits for the lines on standard error, in this order; others may appear in between."""
     def is_said():
         rest = iter(daemon.errors().splitlines())
         return all(line in rest for line in lines)
@@ -89,14 +91,14 @@ def wait_said(daemon, *lines):
 
 
 def viewer(registered_client, daemon, **options):
-    """A client with room for the whole stream."""
+    """A client with buffer space for the whole stream."""
     client = registered_client(daemon, **options)
     client.socket.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, 1 << 26)
     return client
 
 
 def receive_stream(client, length):
-    """That many bytes of the stream, as the list of pieces they came in."""
+    """That many bytes of the stream, as the list of pieces in which they arrived."""
     pieces = []
     while sum(map(len, pieces)) < length:
         pieces.append(client.receive_type(CAMERA)[2])
@@ -110,7 +112,7 @@ def switch(client, value, params=None):
 
 
 def watch_records(client, count):
-    """Lets the time of that many status records, ten a second, go by; returns the other packets."""
+    """Waits for that many status records, ten a second; returns the other packets."""
     others = []
     while count > 0:
         packet = client.receive_any()
@@ -123,12 +125,12 @@ def watch_records(client, count):
 
 @pytest.mark.parametrize("program", [
     f"cat {STREAM}",
-    # Cut at the reader's size, whatever the sizes that the camera writes.
+    # Cut at the reader's size, whatever sizes the camera writes.
     f"dd if={STREAM} bs=7777 status=none",
     f"head -c 100 {STREAM}; sleep 0.3; tail -c +101 {STREAM}",
 ])
 def test_clients_get_the_stream(start, camera, stream, registered_client, program):
-    # A later start, after the stream's end, delivers nothing.
+    # A start after the stream's end delivers nothing.
     camera(f"mkdir /sys/board/once || exec sleep 1000\n{program}")
     daemon = start(OFF)
     clients = [viewer(registered_client, daemon, host=f"127.0.0.{n}") for n in (2, 3)]
@@ -143,7 +145,7 @@ def test_clients_get_the_stream(start, camera, stream, registered_client, progra
 
 
 def interrupt_captures(daemon):
-    """Interrupts each capture while it waits for its pipe."""
+    """Interrupts each capture while it waits for data from its pipe."""
     for task in Path(f"/proc/{daemon.pid}/task").iterdir():
         if (task / "comm").read_text().strip() == "camera-capture":
             state = task / "stat"
@@ -153,7 +155,7 @@ def interrupt_captures(daemon):
 
 def test_a_signal_that_interrupts_the_capture_does_not_end_it(
         board, start, camera, stream, registered_client):
-    """The GPIO library handles SIGPIPE, and what that interrupts is not restarted."""
+    """The GPIO library handles SIGPIPE without restarting interrupted system calls."""
     camera(f"mkdir /sys/board/once || exec sleep 1000\nhead -c {PIECE} {STREAM}\n"
            "while [ ! -e /sys/board/go ]; do sleep 0.02; done\n"
            f"tail -c +{PIECE + 1} {STREAM}; exec sleep 1000")
@@ -222,7 +224,7 @@ def test_switching_on_starts_the_camera(board, start, camera, make_client, param
     begin = time.monotonic()
     switch(client, 1, params)
     wait_said(daemon, START.strip(), STARTED.strip(), command)
-    assert time.monotonic() - begin < 3
+    assert time.monotonic() - begin < promised(3)
     wait_until(lambda: commands(board), "the command")
     assert commands(board)[0] == command
 
@@ -259,7 +261,7 @@ def test_a_killed_camera_is_started_again(board, start, camera, stream, register
     switch(client, 1, "")
     whole_pieces = len(stream) // PIECE * PIECE
     for ends in range(1, 4):
-        # The rest of the stream fills no piece: it comes when the camera has ended.
+        # The remainder of the stream fills no piece; it is sent when the camera has ended.
         assert b"".join(receive_stream(client, whole_pieces)) == stream[:whole_pieces]
         starts = daemon.errors().count(START)
         assert len(pids(board)) == starts
@@ -268,7 +270,7 @@ def test_a_killed_camera_is_started_again(board, start, camera, stream, register
         daemon.wait_error(ENDED, ends)
         assert client.receive_type(CAMERA)[2] == stream[whole_pieces:]
         daemon.wait_error(START, starts + 1)
-        assert time.monotonic() - begin < 3
+        assert time.monotonic() - begin < promised(3)
 
 
 def test_switching_off_keeps_an_ended_camera_off(board, start, camera, registered_client):
@@ -284,8 +286,8 @@ def test_switching_off_keeps_an_ended_camera_off(board, start, camera, registere
     assert daemon.errors().count(START) == starts == daemon.errors().count(ENDED)
 
 
-def test_a_silent_camera_gets_company_every_second(board, start, camera, stream,
-                                                   registered_client):
+def test_a_silent_camera_is_replaced_every_second(board, start, camera, stream,
+                                                  registered_client):
     camera(f"while [ ! -e /sys/board/go ]; do sleep 0.02; done\n{DELIVER_AND_STAY}")
     daemon = start(OFF)
     client = viewer(registered_client, daemon)
@@ -293,15 +295,63 @@ def test_a_silent_camera_gets_company_every_second(board, start, camera, stream,
     daemon.wait_error(START)
     begin = time.monotonic()
     daemon.wait_error(START, 4)
-    assert 2.5 < time.monotonic() - begin < 6
-    assert ENDED not in daemon.errors()
+    assert 2.5 < time.monotonic() - begin < promised(4)
+    said = [line for line in daemon.errors().splitlines(True)
+            if line in (START, ENDED)]
+    assert said[:7] == [START] + [ENDED, START] * 3
     board.write("/sys/board/go", "")
-    # Each of them delivers its whole pieces, and no further one is started.
+    # The current one delivers, and no other capture is started.
     wait_until(lambda: client.receive_type(CAMERA), "the first piece")
     starts = daemon.errors().count(START)
-    receive_stream(client, starts * (len(stream) // PIECE * PIECE) - PIECE)
+    receive_stream(client, len(stream) // PIECE * PIECE - PIECE)
     watch_records(client, 25)
-    assert daemon.errors().count(START) == starts == len(pids(board))
+    assert daemon.errors().count(START) == starts
+
+
+# Neither the program nor its child ends by itself, on a signal or when the pipe is closed.
+HANGING = "trap '' TERM HUP INT PIPE\nsleep 1000 &\necho $! >> /sys/board/camera.pids\nwait"
+
+
+def test_captures_that_hang_do_not_pile_up(board, start, camera):
+    camera(HANGING)
+    daemon = start(ON)
+    process = Path(f"/proc/{daemon.pid}")
+
+    def used():
+        return len(list((process / "fd").iterdir())), len(list((process / "task").iterdir()))
+
+    def living():
+        return [pid for pid in pids(board) if runs(board, pid)]
+
+    daemon.wait_error(STARTED, 2)
+    wait_until(lambda: len(living()) == 2, "a capture and its child")
+    files, threads = used()
+    # On a busy machine a capture may be killed before it has written its numbers.
+    wait_until(lambda: len(pids(board)) >= 12, "six captures", 40.0)
+    assert len(living()) <= 2
+    assert len(children(daemon.pid)) <= 1
+    wait_until(lambda: used() <= (files, threads), "no more descriptors and threads")
+
+
+def test_a_camera_that_is_slow_to_start_gets_its_time(board, start, camera, stream,
+                                                      registered_client):
+    camera(f"sleep 2.5\n{DELIVER_AND_STAY}")
+    daemon = start(OFF)
+    client = viewer(registered_client, daemon)
+    switch(client, 1, "")
+    assert client.receive_type(CAMERA, timeout=30)[2] == stream[:PIECE]
+    assert daemon.errors().count(START) > 4
+
+
+def test_a_camera_of_few_bytes_is_let_be(board, start, camera, stream, registered_client):
+    """A camera that takes more than a second to fill a piece does not hang."""
+    camera(f"i=0; while [ $i -lt 8 ]; do tail -c +$((i * 8000 + 1)) {STREAM} | head -c 8000\n"
+           "i=$((i + 1)); sleep 0.4; done; exec sleep 1000")
+    daemon = start(OFF)
+    client = viewer(registered_client, daemon)
+    switch(client, 1, "")
+    assert client.receive_type(CAMERA, timeout=20)[2] == stream[:PIECE]
+    assert daemon.errors().count(START) < 5
 
 
 def test_the_first_whole_piece_counts_as_delivering(board, start, camera, registered_client):
@@ -311,26 +361,10 @@ def test_the_first_whole_piece_counts_as_delivering(board, start, camera, regist
     client = viewer(registered_client, daemon)
     daemon.wait_error(START, 3)
     board.write("/sys/board/go", "")
-    assert len(client.receive_type(CAMERA)[2]) == PIECE
+    assert len(client.receive_type(CAMERA, timeout=20)[2]) == PIECE
     starts = daemon.errors().count(START)
     watch_records(client, 25)
     assert daemon.errors().count(START) == starts
-
-
-def test_the_end_of_one_of_several_captures_starts_another(board, start, camera, stream,
-                                                          registered_client):
-    camera(f"while [ ! -e /sys/board/go ]; do sleep 0.02; done\n{DELIVER_AND_STAY}")
-    daemon = start(ON)
-    daemon.wait_error(START, 2)
-    client = viewer(registered_client, daemon)
-    board.write("/sys/board/go", "")
-    client.receive_type(CAMERA)
-    starts = daemon.errors().count(START)
-    # All have delivered what they will: none says again that data flows.
-    receive_stream(client, starts * (len(stream) // PIECE * PIECE) - PIECE)
-    board.run("/usr/bin/kill", "-KILL", pids(board)[0])
-    daemon.wait_error(ENDED)
-    daemon.wait_error(START, starts + 1)
 
 
 def children(pid):

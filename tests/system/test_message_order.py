@@ -1,11 +1,11 @@
-"""What is said before a command runs is on standard error while that command still runs."""
+"""Lines printed before a command runs are on standard error while that command still runs."""
 
 import pytest
 
 from commands import hold, install, log_lines, release, update_text
 from conftest import wait_until
 
-# A stand-in that waits only when it is called with these arguments.
+# A stand-in that waits only when called with these arguments.
 HOLDING_ONE_CALL = """#!/sys/board/sh
 [ "$*" != "%s" ] || while [ -e /tmp/hold ]; do sleep 0.02; done
 """

@@ -11,21 +11,26 @@ from conftest import REPOSITORY, wait_until
 DOCUMENT = (REPOSITORY / "docs/operating.md").read_text()
 STRING = r'"(?:[^"\\\n]|\\.)*"'
 CONVERSION = r"%[-+ #0]*\d*(?:\.\d+)?(?:hh|h|ll|l|z)?[diuxXfFeEgGcs]"
-ANYTHING = "<>"  # stands for a conversion, and for a <word> of the document
+ANYTHING = "<>"  # stands for a conversion, and for a <word> in the document
 
-# Calls whose text is made elsewhere: what they print -> where its literals are, which end in "\n".
+# Calls whose text is built elsewhere: what they print -> where its literals are, ending in "\n".
 ELSEWHERE = {
     ("net/udp_endpoint.cpp", "failure"): "net/udp_endpoint.cpp",
     ("net/tcp_server.cpp", "message"): "net/tcp_server.cpp",
     ("core/startup.cpp", "step.before"): "core/startup.cpp",
-    ("core/startup.cpp", "step.failed"): "core/startup.cpp",
+    ("core/startup.cpp", "line"): "core/startup.cpp",
     ("core/startup.cpp", "step.after"): "core/startup.cpp",
     ("config/update.cpp", "row.announcement"): "config/update.cpp",
     ("rc/rc_loop.cpp", "menu_message(code)"): "rc/rc_loop.cpp",
     ("automove/movement_runner.cpp", "step.message.c_str()"): "automove/movement_steps.cpp",
     ("base/shared_memory.cpp", "guard.line"): "base/shared_memory.cpp",
+    ("base/shared_memory.cpp", "guard.detach_line"): "base/shared_memory.cpp",
 }
-# Lines that are nothing but a conversion: what is formatted into them.
+# Makes the standard error that all others write to.
+ERROR_STREAM = "base/error_stream"
+# Adds lines to what others write.
+LINE_SINK = "base/line_sink.cpp"
+# Lines that are only a conversion, and what is formatted into them.
 WHOLE_LINES = {
     "media/internal_camera.cpp": "raspivid -t 0 <> --flush --inline --spstimings -o -",
     "automove/movement_list.cpp": None,  # the report, whose literals are in the same file
@@ -41,7 +46,7 @@ def code_of(path):
 
 
 def arguments_at(code, start):
-    """The text between the parenthesis at `start` and its partner."""
+    """The text between the parenthesis at `start` and the matching one."""
     depth = 0
     for match in re.compile(rf"{STRING}|[()]").finditer(code, start):
         depth += {"(": 1, ")": -1}.get(match[0], 0)
@@ -51,7 +56,7 @@ def arguments_at(code, start):
 
 
 def literals(code):
-    """The string literals, neighbours joined, with their escapes resolved."""
+    """The string literals, adjacent ones joined, with their escapes resolved."""
     return ["".join(re.findall(STRING, run)).replace('""', "").strip('"')
             .replace('\\"', '"').replace("\\n", "\n").replace("\\t", "\t")
             for run in re.findall(rf"{STRING}(?:\s*{STRING})*", code)]
@@ -66,12 +71,12 @@ def printing_calls(code):
             found.append(re.sub(r",\s*stderr\s*$", "", arguments))
         elif match[1] == "fprintf" and arguments.startswith("stderr"):
             found.append(arguments.partition(",")[2].strip())
-    # A signal handler may do nothing else.
-    return found + re.findall(r"\bwrite\(STDERR_FILENO, ([^,]+),", code)
+    # All that a signal handler may do.
+    return found + re.findall(r"\bwrite_error_line\(([^)]+)\);", code)
 
 
 def lines_of(text):
-    """A text as (line, does it end?) with conversions as ANYTHING; empty lines left out."""
+    """A text as (line, does it end?) with conversions as ANYTHING; without empty lines."""
     pieces = re.sub(CONVERSION, ANYTHING, text).split("\n")
     return {(line, number < len(pieces) - 1) for number, line in enumerate(pieces) if line}
 
@@ -83,13 +88,19 @@ def printed_by_sources():
         name = str(path.relative_to(REPOSITORY)).removeprefix("src/")
         code = code_of(path)
         calls = printing_calls(code)
-        # Other ways to print must be taught to this test first.
-        mentions = re.findall(r"\b(?:stderr|STDERR_FILENO)\b", re.sub(STRING, "", code))
+        # This test must learn other ways to print first.
+        mentions = re.findall(r"\b(?:stderr|STDERR_FILENO|write_error_line)\b",
+                              re.sub(STRING, "", code))
+        if name == LINE_SINK:
+            found |= lines_of(next(text for text in literals(code) if text.endswith("\n")
+                                   and len(text) > 1))
+        if name.removesuffix(".h").removesuffix(".cpp") == ERROR_STREAM:
+            continue
         assert len(calls) == len(mentions), name
         assert not re.search(r"std::cerr|\bperror\(|\bdprintf\(|\bpsignal\(", code)
         for call in calls:
             texts = literals(call)
-            # The format comes first; a choice between literals prints any of them.
+            # The format comes first; a conditional may print any of its literals.
             is_choice = "?" in re.sub(STRING, "", call.partition(",")[0])
             texts = texts if is_choice or not texts else texts[:1]
             if not call.startswith('"') and not is_choice:
@@ -114,7 +125,7 @@ def printed_by_sources():
 # What the document says.
 
 def described_lines():
-    """The first cells of the tables of lines, as the sources have them."""
+    """The first cells of the tables of lines, as in the sources."""
     found = []
     for part in DOCUMENT.split("\n\n"):
         if part.startswith("| Line |"):
@@ -135,7 +146,7 @@ def test_every_line_of_the_sources_is_described_and_no_other():
 
 
 def unmatched_lines(text):
-    """The lines of a run's standard error that no row describes."""
+    """The lines on standard error that no row describes."""
     open_pieces = [line for line, ends in printed_by_sources() if not ends]
     rows = [re.compile(".*".join(re.escape(piece) for piece in line.split(ANYTHING)))
             for line in described_lines()]
@@ -231,9 +242,11 @@ def test_helpers_are_those_that_the_sources_stop():
 
 def test_files_it_names_are_those_of_the_sources():
     sources = "".join(path.read_text() for path in (REPOSITORY / "src").rglob("*.[ch]*"))
+    sources += "".join((REPOSITORY / "packaging" / name).read_text()
+                       for name in ("with-boot", "run-time-config"))
     named = set(re.findall(r"/(?:run|boot|dev|mnt|media)/?[\w./-]*\w", DOCUMENT))
-    # What the daemon knows by another spelling or not at all.
-    others = {"/dev/shm", "/dev/sda0"}
+    # What the sources spell differently or do not contain.
+    others = {"/dev/shm", "/dev/sda0", "/dev/mem"}
     assert {name for name in named if name not in sources} <= others
 
 
@@ -244,6 +257,9 @@ def test_links_lead_somewhere():
 
 def test_ports_of_the_firewall_are_those_it_opens(daemon):
     rules = re.search(r"```nft\n(.*?)```", DOCUMENT, re.DOTALL)[1]
+    packaged = (REPOSITORY / "packaging/quillorbeacon.nft").read_text()
+    tcp_ports = r"tcp dport { ([\d, ]+) } (accept|drop)"
+    assert re.findall(tcp_ports, rules) == re.findall(tcp_ports, packaged)
     dropped = re.search(r"udp dport { (.*?) } drop", rules)[1].split(", ")
     lines = wait_until(lambda: open(f"/proc/{daemon.pid}/net/udp").read().splitlines()[1:], "ports")
     assert sorted(dropped) == sorted(str(int(line.split()[1].split(":")[1], 16))

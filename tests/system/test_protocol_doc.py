@@ -1,4 +1,4 @@
-"""What docs/protocol.md, docs/commands.md and docs/source-protocol.md say is what the daemon does.
+"""The daemon does what docs/protocol.md, docs/commands.md and docs/source-protocol.md say.
 
 Every example is played against the daemon, every layout is compared with the headers and with the
 examples, every command has an example, and the programs in the documents are run.
@@ -31,7 +31,7 @@ LAYOUTS = {
     "Screenshot": ("src/net/relay.cpp", "image_", None),
     "The status record": ("src/core/status_monitor.cpp", "", 41),
     "Moving the gimbal": (None, "", 8),
-    "Downloading a file": ("src/transfer/file_download.h", "piece_", None),
+    "Downloading a file": ("src/transfer/file_piece_layout.h", "piece_", None),
     "The frame ring": ("src/media/frame_ring_layout.h", "ring_", 24),
     "A slot": ("src/media/frame_ring_layout.h", "slot_", None),
     "The radio-control block": ("src/rc/rc_block_layout.h", "rc_", 1504),
@@ -75,14 +75,14 @@ def test_a_broadcast_finds_the_board(daemon, make_client):
     "```exchange\nclient > 5\n```",              # half a byte
     "```exchange\nclient > \"open\n```",
     "```exchange\nstranger > 52\n```",
-    "```exchange\nvideo < 52\n```",              # that one only sends
+    "```exchange\nvideo < 52\n```",              # this party only sends
     "```exchange\nmemory ring > 52\n```",        # no offset
-    "```exchange\n  52\n```",                    # goes on with nothing
-    "```exchange\ndata < nothing\n```",          # nobody can tell
+    "```exchange\n  52\n```",                    # nothing to continue
+    "```exchange\ndata < nothing\n```",          # cannot be known
     "```board\nclient > 52\n```",
     "```exchange fresh\nclient > 52\n```",
     "```packet\n52\n```",
-    "```python\nprint()\n```",                   # a program without a name is not run
+    "```python\nprint()\n```",                   # a program without a name
     "```exchange\nclient > 52\n",                # no end
 ])
 def test_what_the_notation_does_not_know_is_refused(text):
@@ -130,12 +130,12 @@ def test_every_table_of_offsets_is_checked():
 
 
 def named(comment):
-    """The field that a remark names: "length: of the frame" names "length"."""
+    """The field that a comment names: "length: of the frame" names "length"."""
     return re.split(r"[:,]", comment)[0].strip()
 
 
 def annotated_messages(heading):
-    """(field, size) of each line of the examples under a heading that spell a message out."""
+    """(field, size) of each line of the examples under a heading that show a message in full."""
     for block in BLOCKS:
         if block.heading == heading:
             for step in block.steps:
@@ -160,7 +160,7 @@ def test_an_example_spells_the_message_out(heading):
 @pytest.mark.parametrize("heading", ["The frame ring", "A slot", "The radio-control block",
                                      "A channel record", "The camera state"])
 def test_examples_write_and_read_every_field(heading):
-    """A remark such as "slot ready" names the field that the offset's last summand leads to."""
+    """A comment such as "slot ready" names the field at the offset's last summand."""
     [table] = [t for t in DOCUMENTS["source-protocol.md"].tables if t.heading == heading]
     places = {row["Field"].strip("`"): int(row["Offset"]) for row in table.rows}
     places.pop("-", None)
@@ -174,7 +174,7 @@ def test_examples_write_and_read_every_field(heading):
     assert used == {name: {at} for name, at in places.items()}
 
 
-# A text with a number in it, the file that has the number, its name there, and how many make one.
+# A text with a number in it, the file that has the number, its name there, and the factor.
 NUMBERS = [
     ("protocol.md", "| clients | {} |", "src/net/client_registry.h", "client_capacity", 1),
     ("protocol.md", "forgotten more than {} s after", "src/net/client_registry.h",
@@ -187,17 +187,21 @@ NUMBERS = [
     ("protocol.md", "silent for more than {} s,", "src/media/data_source.cpp", "silence_ms", 1000),
     ("protocol.md", "A picture of {} bytes or more", "src/net/dispatcher.cpp",
      "screenshot_limit", 1),
-    ("protocol.md", "| file piece | {} bytes", "src/transfer/file_download.h", "piece_capacity", 1),
+    ("protocol.md", "| file piece | {} bytes", "src/transfer/file_piece_layout.h",
+     "piece_capacity", 1),
     ("protocol.md", "| a command's answer | {} bytes", "src/config/answer.h",
      "config_answer_limit", 1),
     ("protocol.md", "at a time, {} waiting;", "src/net/tcp_server.cpp", "listen_backlog", 1),
-    ("protocol.md", "; {} s per block", "src/net/tcp_server.cpp", "send_timeout_s", 1),
+    ("protocol.md", "the connection's buffer ({} MB,", "src/net/tcp_server.cpp",
+     "send_buffer_size", 1000000),
+    ("protocol.md", "is disconnected after {} to 25 seconds", "src/net/tcp_stream.h",
+     "tcp_silence_ms", 1000),
     ("protocol.md", "| UDP 127.0.0.1:{}, 5255 |", "src/net/relay.cpp", "display_port", 1),
     ("source-protocol.md", "| {} | 300018 | 60003624 |", "src/media/frame_ring_layout.h",
      "main_frame_capacity", 1),
     ("source-protocol.md", "| {} | 65018 | 13003624 |", "src/media/frame_ring_layout.h",
      "transcoding_frame_capacity", 1),
-    ("source-protocol.md", "and {} slots, one behind", "src/media/frame_ring_layout.h",
+    ("source-protocol.md", "and {} slots, one after", "src/media/frame_ring_layout.h",
      "ring_slot_count", 1),
     ("source-protocol.md", "The daemon looks every {} ms and takes", "src/media/video_source.cpp",
      "ring_poll_us", 1000),
@@ -241,7 +245,7 @@ def test_every_command_has_an_example():
     text = source("src/net/dispatcher.cpp")
     names = set(re.findall(r'\bname == "([^"]+)"', text))
     assert len(names) >= 7 and {(n,) for n in names} <= told("cmd")
-    rc = set(re.findall(r'\bparam == "([^"]+)"', text))
+    rc = set(re.findall(r'\bparam [!=]= "([^"]+)"', text))
     assert len(rc) >= 5 and {("rc", p) for p in rc} <= told("cmd", "param")
     for command, param in re.findall(
             r'run_(\w+)_command.*?(?:strcmp\([^;{]*?, "(\w+)"\) == 0)', text, re.DOTALL):
@@ -277,7 +281,7 @@ def test_every_section_has_an_example():
 
 
 def test_every_note_has_an_example():
-    notes = set(re.findall(r'"(\w+_(?:on|off))"', source("src/config/update.cpp")))
+    notes = set(re.findall(r'"(\w+_(?:on|off))"', source("src/config/update_display.cpp")))
     seen = {step.literal.decode() for block in BLOCKS for step in block.steps
             if step.party == "notes"}
     assert len(notes) == 8 and notes == seen
@@ -296,7 +300,7 @@ def test_links_lead_somewhere():
 # The programs.
 
 def test_client_and_source_carry_a_real_stream(board, start, tmp_path):
-    """The board's camera is ffmpeg; what the client writes is what it encoded."""
+    """The board's camera is ffmpeg; the client writes what ffmpeg encoded."""
     daemon = start("recording_place=2\n")
     for name, text in PROGRAMS.items():
         board.write(f"/tmp/{name}", text)

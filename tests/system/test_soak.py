@@ -1,7 +1,7 @@
-"""Everything at once: video, telemetry and audio to ten clients that ask and register all the time.
+"""Everything at once: video, telemetry and audio to ten clients that keep asking and registering.
 
-Nothing is lost on the loopback as long as every queue has room: all senders wait for what they
-sent to arrive before they send much more, and the clients' queues are large.
+Nothing is lost on the loopback while every queue has room: all senders wait for what they sent to
+arrive before they send much more, and the clients' queues are large.
 """
 
 import random
@@ -20,11 +20,12 @@ SO_RCVBUFFORCE = 33
 QUEUE_SIZE = 64 << 20
 BLOCK = 1300
 VIDEO_BYTES = 30000
+KEY_FRAME_BYTES = 130000  # more than 40 blocks: the sender has to pause
 VIDEO_RATE = 60
 TELEMETRY_RATE = 200
 AUDIO_RATE = 50
-UNSEEN = 20  # datagrams of a source on their way
-UNANSWERED = 8  # requests of a client on their way
+UNSEEN = 20  # datagrams of a source in flight
+UNANSWERED = 8  # requests of a client in flight
 NOISE = random.Random(7).randbytes(1 << 16)
 INFO = b"\1"
 TELEMETRY = b"T"
@@ -32,8 +33,9 @@ DATA_TYPE, VIDEO_TYPE, AUDIO_TYPE = 0, 1, 2
 
 
 def frame(number):
-    """A frame whose every 12 bytes tell its number, where they lie in it, and some noise."""
-    size = VIDEO_BYTES + number * 37 % BLOCK + (number % 3) * BLOCK
+    """A frame in which every 12 bytes hold its number, their offset and some noise."""
+    size = KEY_FRAME_BYTES if number % 10 == 0 else VIDEO_BYTES
+    size += number * 37 % BLOCK + (number % 3) * BLOCK
     return b"".join(struct.pack("<III", number, at, number * 2654435761 + at & 0xFFFFFFFF)
                     for at in range(0, size, 12))[:size]
 
@@ -52,7 +54,7 @@ def telemetry(number):
 
 
 class Background:
-    """Calls each step again and again in a thread of its own, until the context ends."""
+    """Calls each step repeatedly in its own thread until the context ends."""
 
     def __init__(self, *steps):
         self._stop = threading.Event()
@@ -79,7 +81,7 @@ class Background:
 
 
 class Gatherer(Background):
-    """Keeps every datagram that each of the clients receives, and counts what came where."""
+    """Keeps every datagram that each client receives, and counts them."""
 
     def __init__(self, clients):
         super().__init__(self._step)
@@ -121,7 +123,7 @@ class Gatherer(Background):
         return self.seen(client, DATA_TYPE, INFO)
 
     def packets(self, client):
-        """What the client received as (type, sequence, payload), the headers checked."""
+        """What the client received, as (type, sequence, payload); checks the headers."""
         result = []
         for datagram in self._received[client]:
             magic, kind, length, sequence, one = struct.unpack_from("<cBHII", datagram)
@@ -131,7 +133,7 @@ class Gatherer(Background):
 
 
 class Sources(Background):
-    """The source processes: they pace what they send, and wait while much of it is on its way."""
+    """The source processes: they pace their sending and wait while much of it is in flight."""
 
     def __init__(self, board, producer, gatherer, clients):
         super().__init__(self._step)
@@ -166,14 +168,14 @@ class Sources(Background):
             self.sounds += 1
 
     def mark(self):
-        """The number of a telemetry datagram sent from now on, which the first client has."""
-        number = self.telemetries + 1  # the one before may be on its way already
+        """The number of a telemetry datagram sent from now on that has reached the first client."""
+        number = self.telemetries + 1  # the one before may already be in flight
         wait_until(lambda: self._gatherer.seen(self._first, DATA_TYPE, TELEMETRY) > number,
                    "more telemetry")
         return number
 
     def finish(self):
-        """After the end: waits until the clients have been sent everything."""
+        """At the end: waits until everything has been sent to the clients."""
         wait_until(lambda: not self._on_their_way(self._video_blocks, VIDEO_TYPE), "video", 30)
         wait_until(lambda: not self._on_their_way(self.sounds, AUDIO_TYPE), "audio")
         self._send_telemetry()
@@ -182,7 +184,7 @@ class Sources(Background):
 
 
 class Requests(Background):
-    """Threads that ask for info and register again, each for clients of its own."""
+    """Threads that request info and register again, each for its own clients."""
 
     def __init__(self, gatherer, modes, askers, threads=4):
         parts = [list(modes)[n::threads] for n in range(threads)]
@@ -205,7 +207,7 @@ class Requests(Background):
 
 @pytest.fixture
 def stage(start, registered_client, make_producer):
-    """stage(modes): the daemon, a client for each mode with its mode, and a frame producer."""
+    """stage(modes): the daemon, a client for each mode, and a frame producer."""
 
     def make(modes):
         daemon = start("audio_enabled=1\n")
@@ -225,18 +227,18 @@ def is_answer(kind, payload):
 
 
 def relayed(packets):
-    """Number -> type of the packets that go to all clients."""
+    """Sequence number -> type, for packets that go to all clients."""
     return {number: kind for kind, number, payload in packets if not is_answer(kind, payload)}
 
 
 def check_same(received, sent):
-    """Are the lists the same? A difference is told in short."""
+    """Checks that the lists are equal; reports a difference briefly."""
     different = next((n for n, pair in enumerate(zip(received, sent)) if pair[0] != pair[1]), None)
     assert (len(received), different) == (len(sent), None)
 
 
 def check_streams(packets, sources, takes_media):
-    """Everything was received once, whole and in order."""
+    """Checks that everything was received once, complete and in order."""
     video = [block for n in range(sources.frames) for block in blocks(frame(n))]
     sounds = [sound(n) for n in range(sources.sounds)]
     check_same(of_kind(packets, DATA_TYPE, TELEMETRY),
@@ -247,7 +249,7 @@ def check_streams(packets, sources, takes_media):
 
 
 def check_numbers(packets_of_clients):
-    """Each number stands for one packet, which a client gets once, and none is left out."""
+    """Checks that each number is one packet, which a client gets once, and that none is missing."""
     content, answers = {}, set()
     for packets in packets_of_clients:
         assert len({number for _, number, _ in packets}) == len(packets)
@@ -260,7 +262,7 @@ def check_numbers(packets_of_clients):
 
 
 def check_answers(packets, asked):
-    """Each client got an answer to each of its requests and no other."""
+    """Checks that each client got an answer to each of its requests, and no other."""
     for client, number in asked.items():
         answers = of_kind(packets[client], DATA_TYPE, INFO)
         assert len(answers) == number
@@ -270,7 +272,7 @@ def check_answers(packets, asked):
 def test_ten_clients_get_all_of_everything_and_their_own_answers(board, stage):
     modes = [b"\0", b"\0", b"\1", b"", b"\0", b"\0", b"\1", b"\0", b"\2", b"\0"]
     daemon, clients, producer = stage(modes)
-    askers = list(clients)[:8]  # the last two take media and ask nothing
+    askers = list(clients)[:8]  # the last two receive media and request nothing
     with Gatherer(clients) as gatherer:
         with Requests(gatherer, clients, askers) as requests:
             with Sources(board, producer, gatherer, clients) as sources:
@@ -278,7 +280,7 @@ def test_ten_clients_get_all_of_everything_and_their_own_answers(board, stage):
                 wait_until(lambda: time.monotonic() > end and sources.frames > 60, "traffic", 60)
             sources.finish()
         wait_until(requests.all_answered, "all requests answered")
-        told = daemon.errors()  # before registrations that nobody repeats any more run out
+        told = daemon.errors()  # before registrations expire that nobody repeats now
     packets = {client: gatherer.packets(client) for client in clients}
     for client, mode in clients.items():
         check_streams(packets[client], sources, mode != b"\1")
@@ -290,7 +292,7 @@ def test_ten_clients_get_all_of_everything_and_their_own_answers(board, stage):
 
 
 class Visitor:
-    """A client that comes and goes, with the telemetry numbers between which it must get all
+    """A client that comes and goes, with the telemetry numbers between which it must receive all
     or nothing."""
 
     def __init__(self, client):
@@ -300,7 +302,7 @@ class Visitor:
 
 
 def visit(daemon, sources, visitor, other, mode):
-    """The visitor takes the last slot for a while; the other one tries in vain."""
+    """The visitor holds the last slot for a while; the other one cannot register."""
     client = visitor.client
     name = f"{client.host}:{client.port}"
     visits = len(visitor.present) + 1
@@ -316,7 +318,7 @@ def visit(daemon, sources, visitor, other, mode):
 
 
 def check_visits(packets, visitor, witness):
-    """The witness has been there all the time."""
+    """The witness has been registered all the time."""
     number_of = {int.from_bytes(payload[1:5], "little"): number for kind, number, payload in witness
                  if kind == DATA_TYPE and payload[:1] == TELEMETRY}
     everything, received = relayed(witness), set(relayed(packets))

@@ -2,10 +2,12 @@
 
 import re
 import socket
+from pathlib import Path
 
 import pytest
 
 from commands import hold, release
+from board import EMULATOR
 from conftest import BUILD, wait_until
 
 RC = ["Init RC", "Creating new shared raw RC", "Init RC done"]
@@ -17,7 +19,7 @@ SERVERS = [
     "Init frame buffer for transcoding 13003624 bytes", "Video source server init done",
     "Init audio source server", "Init audio source", "Audio source server init done",
     "Init data source server", "Data source server init done",
-    "Init internal camera source server", "Internal camera source server init done",
+    "Init internal camera source server", "Init internal camera source server done",
     "Init file transfer", "File transfer init done",
 ]
 ON_SLOW_BOARDS = [line for line in SERVERS
@@ -25,7 +27,7 @@ ON_SLOW_BOARDS = [line for line in SERVERS
 
 
 def startup_lines(daemon):
-    """Standard error up to the GPIO line, without what the TCP thread says at any time."""
+    """Standard error up to the GPIO line, without the lines that the TCP thread may print."""
     text = daemon.errors()
     lines = text[:text.index("GPIO")].splitlines()[:-1]
     return [line for line in lines if not line.startswith("TCP server: ")]
@@ -85,7 +87,7 @@ def test_a_static_address_is_one_inert_word(board, start, value):
     daemon = start(f"eth_static_ip_enabled=1\neth_static_ip={value}\neth_static_mask=m\n")
     assert daemon.alive()
     assert not board.path("/x").exists() and not board.path("/sys/board/app/daemon/x").exists()
-    # The stand-in saw the value as one argument, or the shell refused the cut line.
+    # The stand-in saw the value as one argument, or the shell refused the truncated line.
     assert f"ifconfig eth0 {value} netmask m up" in board.log()
 
 
@@ -136,6 +138,33 @@ def test_a_port_in_use_ends_start_up_with_status_1(board, start, port, kind, fai
     assert lines[-len(expected):] == expected
 
 
+FEW_THREADS = BUILD / "tests/few_threads"
+
+
+@pytest.mark.skipif(not FEW_THREADS.exists(), reason="built with the real GPIO library")
+def test_every_thread_that_cannot_be_had_ends_start_up_with_status_1(start):
+    failures = []
+    for count in range(100):
+        daemon = start(env={"LD_LIBRARY_PATH": str(FEW_THREADS), "FEW_THREADS": str(count)}, ready=False)
+        wait_until(lambda: daemon.process.poll() is not None or "hared raw RC" in
+                   daemon.errors().partition("GPIO")[2],
+                   "the end of start-up", 60.0)
+        if daemon.alive():
+            break
+        assert daemon.wait_exit() == 1
+        [failure] = [line for line in daemon.errors().splitlines() if line.endswith(" init failed")]
+        failures.append(failure)
+    assert list(dict.fromkeys(failures)) == [
+        "RC init failed", "UDP server init failed", "TCP server init failed",
+        "Video source server init failed", "Audio source server init failed",
+        "Data source server init failed", "Internal camera source server init failed",
+        "File transfer init failed", "Auto movement init failed", "Storage init failed"]
+    if EMULATOR:
+        return  # it has threads of its own
+    # One start failed for each thread that runs now, the main thread aside.
+    assert len(failures) == len(list(Path(f"/proc/{daemon.pid}/task").iterdir())) - 1
+
+
 VIDEO_CORE_BUILD = BUILD / "tests/quillorbeacon_video_core"
 
 
@@ -171,7 +200,7 @@ def test_gpio_library_set_up_and_inputs_in_key_order(board, start):
         "gpioCfgSocketPort 8890", "gpioCfgDMAchannels 8 6", "gpioInitialise",
         "gpioSetMode 4 0", "gpioSetPullUpDown 4 2", "gpioSetMode 17 0", "gpioSetPullUpDown 17 2",
         "gpioSetMode 22 0", "gpioSetPullUpDown 22 2",
-        # The buttons' first states; the poller then begins with the trigger.
+        # The buttons' initial states; then the poller begins with the trigger.
         "gpioRead 17", "gpioRead 22", "gpioRead 4"]
 
 

@@ -1,4 +1,4 @@
-"""The status record: how often it comes, who gets it, and every byte but the movement's."""
+"""The status record: how often it is sent, who gets it, and every byte but the movement's."""
 
 import os
 import time
@@ -7,7 +7,7 @@ import pytest
 
 from conftest import is_status, wait_until
 
-# Nothing to mount and nothing to say about storage: the poller runs at its own pace.
+# Nothing to mount, and no messages about storage: the poller runs at its own pace.
 QUIET = "recording_place=2\n"
 RUN = "/run/quillorbeacon"
 RC_BLOCK = "/dev/shm/shared_rc_raw"
@@ -23,7 +23,7 @@ def next_record(client):
 
 
 def wait_record(client, condition, what):
-    """Reads on until a status record satisfies condition(record), and returns that record."""
+    """Reads until a status record satisfies condition(record), and returns that record."""
     return wait_until(lambda: next((r for r in [next_record(client)] if condition(r)), None), what)
 
 
@@ -32,7 +32,7 @@ def number_at(record, offset):
 
 
 def replace(board, path, content):
-    """Gives the file its content at once: a reader sees the old or the new one."""
+    """Replaces the file atomically: a reader sees the old or the new content."""
     fresh = board.write(f"{path}.new", content)
     os.replace(fresh, board.path(path))
 
@@ -153,7 +153,7 @@ def test_network_flags_follow_the_markers(board, start, viewer):
     start(QUIET + INTERFACES.format("int", "ext"))
     assert next_record(display)[4] == 0
     for marker, flag in (("ap.active", 1), ("wifi0.connected", 2), ("wlan0.connected", 4)):
-        board.path(f"{RUN}/{marker}").mkdir()  # any kind of file will do
+        board.path(f"{RUN}/{marker}").mkdir()  # any kind of file counts
         wait_record(display, lambda record: record[4] == flag, f"{marker} seen")
         board.path(f"{RUN}/{marker}").rmdir()
         wait_record(display, lambda record: record[4] == 0, f"{marker} gone")
@@ -255,7 +255,7 @@ def test_seconds_since_the_srt_client_connected(board, start, viewer, age):
     board.write(SRT_STAMP, f"{begin - age}\n")
     start(QUIET)
     seconds = number_at(next_record(display), 27)
-    # A stamp in the future gives a negative age, as 32 bits.
+    # A time in the future gives a negative age, as 32 bits.
     assert 0 <= (seconds - age) % 2**32 <= int(time.time()) - begin
 
 
@@ -308,7 +308,7 @@ def test_nobody_waits_for_the_writer_of_a_fifo(board, start, viewer, path, offse
         os.close(writer)
 
 
-# On a slow board the status poller alone opens the radio-control block.
+# On a slow board only the status poller opens the radio-control block.
 SLOW_BOARD = "Raspberry Pi Zero"
 
 

@@ -1,12 +1,16 @@
-"""The recorder's storage: what is mounted, which place is chosen, what the record and the recorder
-are told."""
+"""The recorder's storage: what is mounted, which place is chosen, and what the record and the
+recorder get."""
 
+import json
 import os
+import time
 
 import pytest
 
+from board import promised
 from commands import install
-from conftest import is_status, wait_until
+from conftest import wait_until
+from dead_disk import FREE_MEGABYTES, DeadDisk
 from test_status import next_record, number_at, presence, wait_record
 
 INTERNAL = ["mount /dev/mmcblk0p3 /mnt -o noatime"]
@@ -19,12 +23,17 @@ NONE = (255, 0)
 
 
 def storage(record):
-    """The place and its megabytes."""
+    """The place and its free megabytes."""
     return record[22], number_at(record, 23)
 
 
+def examined_record(client):
+    """The next record after storage was examined."""
+    return wait_record(client, lambda record: record[22] != 0, "storage examined")
+
+
 def mount(board, size, folder):
-    """Puts an empty file system of that size on the folder."""
+    """Mounts an empty file system of that size on the folder."""
     board.run("/usr/bin/mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", folder)
 
 
@@ -36,13 +45,13 @@ def mounts(board):
 
 
 def assert_told(board, text):
-    """The recorder is told `text`. The file is empty for a moment each time it is written."""
+    """Waits until the recorder's file holds `text`. Each write empties it for a moment."""
     wait_until(lambda: board.path(PLACE_FILE).read_bytes() == text, f"{text} in the place file")
 
 
 @pytest.fixture(autouse=True)
 def mount_that_says_something(board):
-    """The shell runs mount as on a real board; elsewhere the board answers for both."""
+    """The shell runs mount as on a real board; in other tests the board's shell skips it."""
     board.write("/sys/board/mount.out", "mount: no such device\n")
 
 
@@ -54,7 +63,7 @@ def viewer(make_client):
 
 @pytest.fixture
 def disk(board):
-    """An external disk: /dev becomes a folder of the board's own, with a device file in it."""
+    """An external disk: the board gets its own /dev, with a device file in it."""
     fresh = "/sys/board/dev"
     for name in ("null", "zero", "urandom"):
         board.write(f"{fresh}/{name}", "")
@@ -66,7 +75,7 @@ def disk(board):
 
 
 def check_mounts(board, expected, rounds=3):
-    """Waits for some rounds of mounts: these commands, in this order, and no others."""
+    """Waits for some rounds of mounts; checks that they are these commands, in this order."""
     wait_until(lambda: len(mounts(board)[1]) >= rounds * len(expected), "rounds of mounts")
     given_to_shell, given_to_mount = mounts(board)
     for i, line in enumerate(given_to_shell):
@@ -80,7 +89,7 @@ def test_the_internal_place(board, start, viewer):
     mount(board, "100m", "/mnt")
     mount(board, "200m", "/media")
     daemon = start("recording_place=1\n")
-    assert storage(next_record(display)) == (1, 104)
+    assert storage(examined_record(display)) == (1, 104)
     assert_told(board, b"/mnt")
     check_mounts(board, INTERNAL)
     assert "No free space" not in daemon.errors()
@@ -92,7 +101,7 @@ def test_the_external_place(board, start, viewer, disk, disk_size, expected):
     mount(board, "500m", "/mnt")
     mount(board, disk_size, "/media")
     daemon = start("recording_place=2\n")
-    assert storage(next_record(display)) == expected
+    assert storage(examined_record(display)) == expected
     assert_told(board, b"/media")
     check_mounts(board, EXTERNAL)
     assert "No free space" not in daemon.errors()
@@ -103,6 +112,7 @@ def test_the_external_place_without_a_disk(board, start, viewer):
     mount(board, "500m", "/mnt")
     mount(board, "100m", "/media")
     daemon = start("recording_place=2\n")
+    examined_record(display)
     for _ in range(5):
         assert storage(next_record(display)) == (2, 0)
     assert_told(board, b"/media")
@@ -110,7 +120,7 @@ def test_the_external_place_without_a_disk(board, start, viewer):
     assert "No free space" not in daemon.errors()
 
 
-# "Automatic" is every value but 1 and 2, and what a file without the setting gives.
+# Every value but 1 and 2 means automatic, and so does a file without the setting.
 @pytest.mark.parametrize("setting", ["", "recording_place=0\n", "recording_place=3\n"])
 def test_automatic_mounts_run_without_a_disk(board, start, setting):
     start(setting)
@@ -123,36 +133,81 @@ while [ -e /tmp/hold ]; do sleep 0.02; done
 """
 
 
-def test_what_changes_while_storage_is_mounted_is_in_the_record(
-        board, start, viewer, registered_client):
-    display = viewer()
-    daemon = start("recording_place=0\n")
-    assert next_record(display)[3] == 0
+@pytest.fixture
+def mount_that_waits(board):
+    """Makes each mount wait from now on; returns a function that lets them continue."""
     board.write("/tmp/hold", "")
     install(board, "/sys/board/bin/mount", MOUNT_THAT_WAITS)
+    return board.path("/tmp/hold").unlink
+
+
+def test_records_go_on_while_storage_is_mounted(board, start, viewer, registered_client, request):
+    display = viewer()
+    mount(board, "100m", "/mnt")
+    daemon = start("recording_place=1\n")
+    examined_record(display)
+    go_on = request.getfixturevalue("mount_that_waits")
     wait_until(board.path("/tmp/mounting").exists, "a mount that waits")
-    display.socket.setblocking(False)
-    with pytest.raises(BlockingIOError):
-        while True:
-            display.socket.recv(65535)
-    client = registered_client(daemon)
-    counted = board.path("/run/quillorbeacon/clients.json")
-    wait_until(lambda: client.host in counted.read_text(), "the client counted")
-    source = board.socket()
+    board.write("/mnt/recording", bytes(40 * 1024 * 1024))
+    client, source = registered_client(daemon), board.socket()
     source.sendto(b"x", ("127.0.0.1", 5000))
-    daemon.wait_error("Data found\n")
-    board.path("/tmp/hold").unlink()
+    # They show changes, and the storage as it was last found.
+    wait_record(display, lambda record: (record[3], *presence(record)) == (1, 1, 1, 0),
+                "the client and the source")
+    begin = time.monotonic()
+    for _ in range(20):
+        assert storage(next_record(display)) == (1, 104)
+    assert time.monotonic() - begin < promised(8)
+    go_on()
+    wait_record(display, lambda record: storage(record) == (1, 62), "40 MiB less")
+    client.remove()
 
-    def record_that_follows():
-        source.sendto(b"x", ("127.0.0.1", 5000))  # or it is lost after a second
-        try:
-            packet = display.receive_any(0.1)
-        except TimeoutError:
-            return None
-        return packet[2] if is_status(packet) else None
 
-    record = wait_until(record_that_follows, "the record after the mounts")
-    assert (record[3], *presence(record)) == (1, 1, 1, 0)
+def test_records_begin_while_storage_is_mounted(board, start, viewer, mount_that_waits):
+    display = viewer()
+    mount(board, "100m", "/mnt")
+    begin = time.monotonic()
+    start("recording_place=1\n")
+    for _ in range(5):
+        assert storage(next_record(display)) == (0, 0)
+    assert time.monotonic() - begin < 20
+    mount_that_waits()
+    wait_record(display, lambda record: storage(record) == (1, 104), "the place")
+
+
+def test_records_go_on_beside_a_dead_disk(board, start, viewer):
+    display = viewer()
+    dead_disk = DeadDisk(board, "/mnt")
+    start("recording_place=1\n")
+    assert storage(examined_record(display)) == (1, FREE_MEGABYTES)
+    dead_disk.die()
+    dead_disk.wait_asked()
+    begin = time.monotonic()
+    for _ in range(20):
+        assert storage(next_record(display)) == (1, FREE_MEGABYTES)
+    assert time.monotonic() - begin < promised(8)
+    board.path(PLACE_FILE).unlink()
+    dead_disk.revive()
+    wait_until(board.path(PLACE_FILE).exists, "the next examination")
+
+
+def test_a_dead_disk_does_not_keep_commands_waiting(board, start, make_client):
+    client = make_client()
+    dead_disk = DeadDisk(board, "/mnt")
+    start("recording_place=2\n")
+
+    def ask(section):
+        client.send(json.dumps({"cmd": "config_request", "param": section}).encode())
+        return client.receive()[2]
+
+    free = f'"free0":{FREE_MEGABYTES},'.encode()
+    assert free in ask("recording")
+    dead_disk.die()
+    for _ in range(2):
+        assert free in ask("recording")  # the last answer
+        assert b'"app_type"' in ask("info")
+    dead_disk.revive()
+    wait_until(lambda: free in ask("recording"), "the disk's answer")
 
 
 def test_automatic_mounts_run_with_a_disk(board, start, disk):
@@ -178,7 +233,7 @@ def test_the_automatic_choice(board, start, viewer, internal, external, chosen):
     mount(board, internal, "/mnt")
     mount(board, external, "/media")
     daemon = start("recording_place=0\n")
-    assert storage(next_record(display)) == chosen
+    assert storage(examined_record(display)) == chosen
     assert_told(board, b"/mnt" if chosen[0] == 1 else b"/media")
     assert "No free space" not in daemon.errors()
 
@@ -189,12 +244,14 @@ def test_no_free_space(board, start, viewer, disk, setting, message):
     mount(board, "900k", "/mnt")
     mount(board, "900k", "/media")
     daemon = start(f"recording_place={setting}\n")
+    examined_record(display)
     for _ in range(3):
         assert storage(next_record(display)) == NONE
     assert not board.path(PLACE_FILE).exists()
-    # Once for each record, and no other message.
+    # Once for each examination, and no other message.
+    daemon.wait_error(message, 3)
     lines = [line for line in daemon.errors().splitlines(True) if "No free" in line]
-    assert len(lines) >= 3 and set(lines) == {message}
+    assert set(lines) == {message}
 
 
 @pytest.mark.parametrize("setting, full", [(0, ["/mnt", "/media"]), (1, ["/mnt"]), (2, ["/media"])])
@@ -205,6 +262,7 @@ def test_a_place_file_stays_when_there_is_no_space(board, start, viewer, disk, s
     path = board.write(PLACE_FILE, "as it was\n")
     before = path.stat()
     start(f"recording_place={setting}\n")
+    examined_record(display)
     for _ in range(3):
         assert storage(next_record(display)) == NONE
     after = path.stat()
@@ -217,7 +275,7 @@ def test_the_setting_is_followed(board, start, viewer, make_client, disk):
     mount(board, "900k", "/mnt")
     mount(board, "100m", "/media")
     daemon = start("recording_place=2\n")
-    assert storage(next_record(display)) == (2, 104)
+    assert storage(examined_record(display)) == (2, 104)
     client = make_client()
 
     def choose(value):
@@ -236,14 +294,14 @@ def test_a_disk_of_more_than_32_bits_of_blocks(board, start, viewer):
     display = viewer()
     mount(board, "20t", "/mnt")
     start("recording_place=1\n")
-    assert storage(next_record(display)) == (1, 20 * 2**40 // 10**6)
+    assert storage(examined_record(display)) == (1, 20 * 2**40 // 10**6)
 
 
 def test_free_space_is_what_is_left(board, start, viewer):
     display = viewer()
     mount(board, "100m", "/mnt")
     start("recording_place=1\n")
-    assert storage(next_record(display)) == (1, 104)
+    assert storage(examined_record(display)) == (1, 104)
     board.write("/mnt/recording", bytes(40 * 1024 * 1024))
     wait_record(display, lambda record: storage(record) == (1, 62), "40 MiB less")
     board.path("/mnt/recording").unlink()
@@ -271,6 +329,7 @@ def test_a_place_file_that_cannot_be_written(board, start, viewer, setting, expe
     path = board.path(PLACE_FILE)
     path.mkdir(parents=True)
     daemon = start(f"recording_place={setting}\n")
+    examined_record(display)
     for _ in range(3):
         assert storage(next_record(display)) == expected
     assert path.is_dir() and os.listdir(path) == []

@@ -1,4 +1,4 @@
-"""Every text setting: what a client can put in it changes that setting and nothing else."""
+"""Every text setting: whatever a client puts in it changes that setting and nothing else."""
 
 import pytest
 
@@ -7,7 +7,7 @@ from expected_file import file_text
 
 EMPTY = parse_settings(file_text())
 
-# The updates that store texts: where each text comes from and how many characters it holds.
+# The updates that store texts: where each text comes from and its maximum length.
 UPDATES = {
     "ethernet": (("ethernet",), {"value2": ("eth_static_ip", 19),
                                  "value3": ("eth_static_mask", 19)}),
@@ -57,7 +57,7 @@ def console(board, daemon, make_client):
 
 
 def check(console, name, member, text, stored):
-    """Sends the text as this setting; it and no other is then `stored`."""
+    """Sends the text as this setting; checks that only it has changed, to `stored`."""
     key, _ = UPDATES[name][1][member]
     carry_out(console, name, {member: text})
     expected = {**EMPTY, **MASKS.get(name, {}), **CAMERA.get(name, {}), key: in_file(key, stored)}

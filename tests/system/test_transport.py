@@ -1,4 +1,4 @@
-"""The reliable transport: the program carries it, though nothing starts it."""
+"""The reliable transport: the program contains it, although nothing starts it."""
 
 import re
 import subprocess
@@ -13,7 +13,7 @@ OPERATIONS = ["create", "release", "setmtu", "nodelay", "send", "recv", "peeksiz
 
 @pytest.fixture(scope="module")
 def functions():
-    """The names of all functions in the program; C++ ones have their arguments behind them."""
+    """The names of all functions in the program; C++ names include their arguments."""
     table = subprocess.run(["readelf", "--wide", "--symbols", BINARY], check=True,
                            capture_output=True, text=True).stdout
     return {fields[7] for fields in map(str.split, table.splitlines())

@@ -1,4 +1,4 @@
-"""What each update changes, saves, runs and stops. Picture output: test_updates_display.py."""
+"""What each update changes, saves, runs and stops. Video output: test_updates_display.py."""
 
 import pytest
 
@@ -250,7 +250,7 @@ def test_rec_on_signals_marks_and_saves_nothing(board, console, value):
     assert console.errors == NO_RECORDER
     assert board.path("/run/quillorbeacon/recorder-enabled").exists()
     assert not board.path(BOOT_FILE).exists() and board.path(CONFIG).read_bytes() == b""
-    # It is the setting all the same: the next save has it.
+    # It is the setting nevertheless: the next save includes it.
     console.update("make_preview", "0")
     assert console.changes(EMPTY) == {"recording_enabled": value}
 
@@ -269,7 +269,7 @@ def test_rec_off_removes_the_marker_and_saves_nothing(board, start, make_client)
 def test_app_type_ends_the_daemon_when_its_script_has_ended(board, console):
     hold(board, "otg-switcher.php", "/sys/board/app/daemon/otg-switcher.php")
     begin = len(log_lines(board)) - 1
-    # The stored low byte is what the script gets; the name is cut to its field.
+    # The script gets the stored low byte; the name is truncated to its field.
     console.send("app_type", "265", "n" * 60)
     wait_until(lambda: "otg-switcher.php 9" in log_lines(board), "the script")
     assert console.daemon.alive()

@@ -1,4 +1,4 @@
-"""Updates of the picture: display settings and notifications, composite and HDMI output."""
+"""Updates of the display: settings and notifications, composite and HDMI output."""
 
 import pytest
 
@@ -37,7 +37,7 @@ def console(board, daemon, make_client):
     ("osd", "borders", "osd_borders", [], []),
 ])
 def test_a_display_setting(console, param, sub_command, key, after, stopped):
-    # The number is kept as it is, not made a flag.
+    # The number is stored as it is, not as a flag.
     console.update(param, sub_command, "2")
     assert console.commands == SAVE + after + looked_up(stopped)
     assert console.errors == ["Saving config"] + not_found(stopped)
@@ -98,7 +98,7 @@ HDMI_STATUS = "state 0x12000a [HDMI CEA (16) RGB lim 16:9], 1920x1080 @ 60.00Hz,
 PAL_STATUS = "state 0x40001 [PAL 4:3], 720x576 @ 50.00Hz, interlaced\n"
 NTSC_STATUS = "state 0x40001 [NTSC 4:3], 720x480 @ 60.00Hz, interlaced\n"
 
-# As a board has it: commented keys, set keys, remarks, a key that only looks alike.
+# As on a board: commented-out keys, set keys, remarks, a key that only looks similar.
 BOARD_FILE = """# For more options see the manual
 #hdmi_force_hotplug=1
 #hdmi_group=1
@@ -248,7 +248,7 @@ gpu_mem=128"""
     assert not board.path(BOOT_FILE).exists()
 
 
-@pytest.mark.parametrize("values", [("", ""), (None, None), (7, None)])
+@pytest.mark.parametrize("values", [("", ""), (None, None), ([7], None)])
 def test_the_preferred_hdmi_mode(board, console, values):
     board.write("/boot/config.txt", "hdmi_group=2\nhdmi_mode=82\nhdmi_ignore_hotplug=1\n"
                                     "enable_tvout=1\nhdmi_force_hotplug=0\n")

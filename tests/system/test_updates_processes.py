@@ -79,7 +79,7 @@ def test_of_two_processes_the_first_that_pidof_prints_is_killed(board, console):
 
 
 def messages(console):
-    """What was said about processes; the shell's own words about a wrong PID are left out."""
+    """The lines about processes, without the shell's own messages about a wrong PID."""
     return [line for line in console.errors if "PID" in line]
 
 
@@ -119,7 +119,7 @@ def test_without_pidof_nothing_is_killed(board, console):
 
 
 def test_the_message_comes_before_the_command(board, console):
-    """The shell of this board waits with every `kill`."""
+    """The shell of this board delays every `kill`."""
     board.write("/tmp/hold/kill", "")
     board.write("/sys/board/pidof.out", "77777\n")
     install(board, "/sys/board/bin/pidof", board.path("/sys/board/stand-in").read_bytes())
@@ -150,7 +150,8 @@ def test_lookups_leave_no_descriptor_open(console):
         console.update("transcoding", "0")
         console.update("rec", "0")
         console.update("hdmi", "testandsave", "CEA", "4")
-    assert count() == before
+    # Other threads open files for a moment.
+    wait_until(lambda: count() <= before, "no more descriptors than before")
 
 
 # The frame rings.

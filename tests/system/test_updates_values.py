@@ -1,4 +1,4 @@
-"""How values are read: missing ones, numbers, long texts, unknown and missing params."""
+"""How values are parsed: missing ones, numbers, long texts, unknown and missing params."""
 
 import json
 from pathlib import Path
@@ -82,13 +82,13 @@ def name_of(update):
 
 
 @pytest.mark.parametrize("update", UPDATES, ids=name_of)
-@pytest.mark.parametrize("kind", ["missing", "numbers", "null"])
+@pytest.mark.parametrize("kind", ["missing", "lists", "null"])
 def test_missing_values_read_as_0_and_empty(full, update, kind):
     param, sub_command = update
     first = 1 if sub_command is None else 2
     names = ["value" if n == 1 else f"value{n}" for n in range(first, 17)]
-    # Only strings are values.
-    others = {"missing": {}, "numbers": {name: 1 for name in names},
+    # These are no values.
+    others = {"missing": {}, "lists": {name: ["1"] for name in names},
               "null": {name: None for name in names}}[kind]
     full.update(param, sub_command, **others)
     cleared = {**dict.fromkeys(NUMBERS[update], "0"), **TEXTS.get(update, {})}
@@ -116,6 +116,27 @@ def test_numbers(console, value, number):
     assert [saved[key] for key in keys] == [number] * 5
 
 
+@pytest.mark.parametrize("value, number, text", [
+    ("1", "1", "1"), ("0", "0", "0"), ("true", "1", "1"), ("false", "0", "0"), ("-3", "-3", "-3"),
+    ("1.50", "1", "1.50"), ("99999999999", "2147483647", "99999999999"),
+    ("12345678901234567890", "2147483647", "12345678901234567890"), ("1e3", "1", "1e3"),
+])
+@pytest.mark.parametrize("blank", ["", "\t\n "])
+def test_numbers_and_booleans_count_as_their_texts(console, value, number, text, blank):
+    def send(members):
+        named = [f'"{name}"{blank}:{blank}{each}{blank}' for name, each in members]
+        console.send_text(b'{"cmd":"updateconfig",' + ",".join(named).encode() + b"}")
+        return console.saved()
+
+    assert send([("param", '"audio"'), ("value", value), ("value2", '"7"'),
+                 ("value3", value)]).items() >= {
+        "audio_enabled": number, "audio_bitrate": "7", "audio_dst": number}.items()
+    # What comes before is passed over, whatever is in it.
+    assert send([("name", '[{"a":1,"}":[2]},"\\\\",1]'), ('x\\"', "null"), ("param", '"streaming"'),
+                 ("value", '"srt"'), ("value2", value), ("value3", value)]).items() >= {
+        "stream_srt_enabled": number, "stream_srt_url": text}.items()
+
+
 @pytest.mark.parametrize("value, byte", [
     ("255", "255"), ("256", "0"), ("300", "44"), ("-1", "255"), ("99999999999", "255"),
     ("-99999999999", "0"), ("513x", "1"),
@@ -129,7 +150,7 @@ def test_bytes_keep_the_low_eight_bits(console, value, byte):
     assert console.saved()["wifi_static_ip_enabled"] == byte
     console.update("ethernet", value)
     assert console.saved()["eth_static_ip_enabled"] == byte
-    # What counts is the stored byte.
+    # The stored byte decides.
     assert ("dhcpcd --rebind eth0" in console.commands) == (byte == "0")
 
 
@@ -205,8 +226,9 @@ def test_an_unknown_sub_command_does_nothing(board, console, param, known):
     for sub_command in ("", "other", known.upper(), known + "x", known[:-1], " " + known):
         console.update(param, sub_command, "1", "1", "1")
         assert console.commands == [] and console.tools == [] and console.errors == []
-    # As a missing one does, or one that is no string.
-    for members in ({}, {"value": 1, "value2": "1"}, {"value": None, "value2": "1"}):
+    # As with a missing one, or one that is not a text.
+    for members in ({}, {"value": 1, "value2": "1"}, {"value": None, "value2": "1"},
+                    {"value": [known], "value2": "1"}):
         console.update(param, **members)
         assert console.commands == [] and console.errors == []
     assert not board.path(BOOT_FILE).exists()
@@ -216,7 +238,7 @@ def test_an_unknown_sub_command_does_nothing(board, console, param, known):
 
 @pytest.mark.parametrize("text", [
     b'{"cmd":"updateconfig"}', b'{"cmd":"updateconfig","value":"1","name":"rec"}',
-    b'{"cmd":"updateconfig","param":7}', b'{"cmd":"updateconfig","param":null}'])
+    b'{"cmd":"updateconfig","param":["rec"]}', b'{"cmd":"updateconfig","param":null}'])
 def test_a_command_without_param_ends_the_daemon_abnormally(console, text):
     console.client.send(text)
     assert console.daemon.wait_exit() == -6
@@ -257,7 +279,7 @@ LARGE = {
     "unknown": b'{"cmd":"nothing","x":[%s0]}' % (b"[]," * 9000),
     "channels": b'{"cmd":"rc","param":"set-config","value":"0","value2":"[%s0]"}' % (b"{}," * 9000),
 }
-# Of the sanitizer, which keeps freed memory for a while.
+# The sanitizer's, which keeps freed memory for a while.
 AT_ONCE = {"ASAN_OPTIONS": SANITIZERS["ASAN_OPTIONS"]
            + ":quarantine_size_mb=0:thread_local_quarantine_size_kb=0"}
 
@@ -269,7 +291,7 @@ def test_commands_leave_no_memory_behind(start, make_client, kind):
     def carry_out(count):
         for _ in range(count):
             client.send(LARGE[kind])
-            client.ask_info()  # answered when the command is done
+            client.ask_info()  # answered after the command is done
             client.receive(30.0)
 
     def used():

@@ -11,7 +11,7 @@
 //
 //     access_units_print FILE SEED LARGEST
 //
-// The file goes in in pieces of 1 to LARGEST bytes, by chance from SEED.
+// The file is fed in pieces of 1 to LARGEST bytes, at random from SEED.
 int main(int argc, char **argv) {
     if (argc != 4) {
         fputs("usage: access_units_print FILE SEED LARGEST\n", stderr);

@@ -39,8 +39,9 @@ TEST(Record, SaysWhatCannotBeWritten) {
     Record record;
     ::testing::internal::CaptureStderr();
     EXPECT_FALSE(open_record(record, "/proc/no-such-folder"));
+    // The line begins with the name of the program, here the tests'.
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "beacon-sim: cannot make /proc/no-such-folder: No such file or directory\n");
+              "unit_tests: cannot make /proc/no-such-folder: No such file or directory\n");
 }
 
 static bool holds(const std::vector<std::string> &list, std::initializer_list<std::string> part) {
@@ -53,7 +54,7 @@ TEST(EncoderArguments, FollowTheOrder) {
     EXPECT_TRUE(holds(list, {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=25"}));
     EXPECT_TRUE(holds(list, {"-b:v", "2000k", "-maxrate", "2000k", "-bufsize", "1000k"}));
     EXPECT_EQ(list.back(), "pipe:1");
-    order.bitrate = 50000; // half a second's bits would not fit into a slot
+    order.bitrate = 50000; // half a second would not fit in a slot
     EXPECT_TRUE(holds(encoder_arguments(order), {"-bufsize", "1800k"}));
     order.file = "-film.mp4";
     order.has_audio = true;

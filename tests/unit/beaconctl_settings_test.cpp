@@ -1,12 +1,9 @@
-// beaconctl's table of what can be set, and how the words of a command line become a command.
-#include "client/setting_rows.h"
+// How the words of "beaconctl set" name a row and its values.
+#include "beaconctl/setting_words.h"
 
-#include <fstream>
 #include <gtest/gtest.h>
-#include <set>
 
 using Words = std::vector<std::string>;
-using Members = std::vector<std::pair<std::string, std::string>>;
 
 static const SettingRow &row(const Words &words) {
     const auto [found, used] = find_setting_row(words);
@@ -29,27 +26,6 @@ TEST(SettingRows, UsageTellsTheValues) {
     EXPECT_EQ(usage_line(row({"automovement", "movenext"})), "automovement movenext");
 }
 
-// Every key that docs/settings.md says can be changed by an update is in the table, and none else.
-TEST(SettingRows, HaveTheKeysOfTheDocument) {
-    std::set<std::string> documented;
-    std::ifstream document(DOCS_FOLDER "/settings.md");
-    for (std::string line; std::getline(document, line);) {
-        if (line.rfind("| `", 0) == 0 && line.find("by calibration") == std::string::npos &&
-            line.find("| Camera") == std::string::npos) {
-            documented.insert(line.substr(3, line.find('`', 3) - 3));
-        }
-    }
-    std::set<std::string> known;
-    for (const SettingRow &each : setting_rows()) {
-        for (const SettingField &field : each.fields) {
-            if (each.section != nullptr) {
-                known.insert(field.key);
-            }
-        }
-    }
-    EXPECT_EQ(known, documented);
-}
-
 TEST(SettingValues, InOrder) {
     const GivenValues given = read_values(row({"ethernet"}), Words{"on", "10.0.0.7", ""});
     EXPECT_EQ(given.error, "");
@@ -57,7 +33,8 @@ TEST(SettingValues, InOrder) {
 }
 
 TEST(SettingValues, ByNameOfTheKeyOrOfTheAnswersMember) {
-    const GivenValues given = read_values(row({"ethernet"}), Words{"mask=a=b", "eth_static_ip="});
+    const GivenValues given =
+        read_values(row({"ethernet"}), Words{"mask=a=b", "eth_static_ip="}, true);
     EXPECT_EQ(given.error, "");
     EXPECT_EQ(given.values, (std::vector<std::optional<std::string>>{std::nullopt, "", "a=b"}));
 }
@@ -69,19 +46,22 @@ TEST(SettingValues, AreRefusedWhenTheyCannotBeMeant) {
     const auto error = [](const Words &words) {
         return read_values(row({"ethernet"}), words).error;
     };
-    EXPECT_EQ(error({"1", "a"}),
-              "2 values given where 3 are taken (or NAME=VALUE for some)" + usage);
-    EXPECT_EQ(error({}), "0 values given where 3 are taken (or NAME=VALUE for some)" + usage);
+    EXPECT_EQ(error({"1", "a"}), "2 values given instead of 3 (or NAME=VALUE for some)" + usage);
+    EXPECT_EQ(error({"1"}), "1 value given instead of 3 (or NAME=VALUE for some)" + usage);
+    EXPECT_EQ(error({}), "0 values given instead of 3 (or NAME=VALUE for some)" + usage);
     const std::string no_name =
-        "\"nope=1\" is no NAME=VALUE of this param; its names: eth_static_ip_enabled (enabled), "
+        "\"nope=1\" is not a NAME=VALUE of this param; its names: eth_static_ip_enabled (enabled), "
         "eth_static_ip (ip), eth_static_mask (mask)";
     EXPECT_EQ(error({"ip=a", "nope=1"}), no_name);
     EXPECT_EQ(error({"nope=1", "ip=a"}), no_name);
     EXPECT_EQ(error({"nope=1"}), no_name);
     EXPECT_EQ(error({"2", "a", "b"}), "eth_static_ip_enabled takes 0 or 1, not \"2\"");
     EXPECT_EQ(read_values(row({"tft_display", "model"}), Words{"2x"}).error,
-              "tft_display_model takes a number, not \"2x\"");
-    EXPECT_EQ(read_values(row({"tft_display", "model"}), Words{"-2"}).error, "");
+              "tft_display_model takes 0 (none), 1 (waveshare-2), 2 (waveshare-3.5a) or 3 "
+              "(waveshare-3.5b), not \"2x\"");
+    EXPECT_NE(read_values(row({"tft_display", "model"}), Words{"-2"}).error, "");
+    EXPECT_EQ(error({"ip=10.1"}), "eth_static_ip takes an IPv4 address such as 192.168.1.100, or "
+                                  "nothing, not \"10.1\"");
 }
 
 TEST(SettingValues, AnotherParamsNameIsToldFromAValue) {
@@ -89,15 +69,28 @@ TEST(SettingValues, AnotherParamsNameIsToldFromAValue) {
         return read_values(of, words).error;
     };
     EXPECT_EQ(error(row({"streaming", "srt"}), {"enabled=1"}),
-              "\"enabled=1\" is no NAME=VALUE of this param; its names: stream_srt_enabled "
-              "(srt_enabled), stream_srt_url (srt_url)");
+              "\"enabled=1\" is not a NAME=VALUE of this param, did you mean "
+              "\"stream_srt_enabled\"? its names: stream_srt_enabled (srt_enabled), "
+              "stream_srt_url (srt_url)");
     EXPECT_EQ(error(row({"streaming", "rtsp"}), {"enabled=1"}),
-              "\"enabled=1\" is no NAME=VALUE of this param; its names: rtsp_server_enabled "
-              "(rtsp_enabled)");
+              "\"enabled=1\" is not a NAME=VALUE of this param, did you mean "
+              "\"rtsp_server_enabled\"? its names: rtsp_server_enabled (rtsp_enabled)");
     EXPECT_EQ(error(row({"automovement", "movenext"}), {"step=1"}),
-              "\"step=1\" is no NAME=VALUE of this param; it takes no values");
+              "\"step=1\" is not a NAME=VALUE of this param; it takes no values");
     EXPECT_EQ(error(row({"streaming", "srt"}), {"1", "srt://a?enabled=1"}), "");
-    EXPECT_EQ(error(row({"streaming", "srt"}), {"1", "mode=caller"}), "");
+    EXPECT_EQ(read_values(row({"streaming", "srt"}), Words{"1", "mode=caller"}, true).error, "");
+}
+
+TEST(SettingValues, ForceSendsWhatIsNotAllowed) {
+    const GivenValues forced = read_values(row({"ethernet"}), Words{"on", "10.1", "24"}, true);
+    EXPECT_EQ(forced.error, "");
+    EXPECT_EQ(forced.values, (std::vector<std::optional<std::string>>{"1", "10.1", "24"}));
+}
+
+TEST(SettingValues, NamesOfChoicesAreTheirValues) {
+    const GivenValues given = read_values(row({"recording"}), Words{"place=external"});
+    EXPECT_EQ(given.error, "");
+    EXPECT_EQ(given.values[1], "2");
 }
 
 TEST(SettingValues, OptionalOnesMayBeLeftOut) {
@@ -105,23 +98,4 @@ TEST(SettingValues, OptionalOnesMayBeLeftOut) {
     EXPECT_EQ(given.error, "");
     EXPECT_EQ(given.values, (std::vector<std::optional<std::string>>{"PAL", "4:3", std::nullopt}));
     EXPECT_NE(read_values(row({"cvbs", "test"}), Words{"PAL"}).error, "");
-}
-
-TEST(SettingCommand, ValuesAreNumbered) {
-    EXPECT_EQ(command_members(row({"ethernet"}), Words{"1", "a", "b"}),
-              (Members{{"param", "ethernet"}, {"value", "1"}, {"value2", "a"}, {"value3", "b"}}));
-    EXPECT_EQ(command_members(row({"display", "hflip"}), Words{"1"}),
-              (Members{{"param", "display"}, {"value", "hflip"}, {"value2", "1"}}));
-    EXPECT_EQ(command_members(row({"zerotier", "join"}), Words{"8056c2"}),
-              (Members{{"param", "zerotier"}, {"value", "join"}, {"value4", "8056c2"}}));
-}
-
-TEST(SettingCommand, ValuesAreCompared) {
-    const SettingRow &ethernet = row({"ethernet"});
-    EXPECT_TRUE(is_same_value(ethernet.fields[0], "1", "1"));
-    EXPECT_FALSE(is_same_value(ethernet.fields[0], "1", "0"));
-    EXPECT_TRUE(is_same_value(ethernet.fields[1], "a", "a"));
-    EXPECT_FALSE(is_same_value(ethernet.fields[1], "", "255.255.255.0"));
-    EXPECT_TRUE(is_same_value(ethernet.fields[2], "", "255.255.255.0"));
-    EXPECT_TRUE(is_same_value(row({"tft_display", "model"}).fields[0], "007", "7"));
 }

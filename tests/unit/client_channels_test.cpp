@@ -1,4 +1,4 @@
-// What beaconctl makes of the daemon's answers about the radio-control receivers.
+// How a client reads the daemon's answers about the radio-control receivers.
 #include "client/rc_channels.h"
 
 #include <gtest/gtest.h>
@@ -24,28 +24,28 @@ TEST(RcChannels, AreReadAsTheyCome) {
     EXPECT_FALSE(parse_receiver("{"));
 }
 
-TEST(RcChannels, AreShownInATable) {
-    const std::vector<std::string> expected = {
-        "RC1 calibrating",
-        "  ch    raw    min  centre    max   value  dead band  limit  inv  function",
-        "   1   1500    900    1400   2100  -0.143          7    90%  yes  pan",
-        "   2   1600   1550    1590   1649   0.000          0   100%  no   77",
-    };
-    EXPECT_EQ(receiver_lines(1, receiver_of(answer)), expected);
-    EXPECT_EQ(receiver_lines(2, ReceiverAnswer{}), std::vector<std::string>{"RC2 absent"});
-}
-
 TEST(RcChannels, HaveMovedWhenTheyHaveTwoEnds) {
     ReceiverAnswer receiver = receiver_of(answer);
-    EXPECT_EQ(moved_channels(receiver), "1");
+    EXPECT_EQ(moved_channels(receiver), (std::vector<int>{1}));
     receiver.channels[1].max = 1650;
-    EXPECT_EQ(moved_channels(receiver), "1, 2");
-    EXPECT_EQ(moved_channels(ReceiverAnswer{}), "none");
+    EXPECT_EQ(moved_channels(receiver), (std::vector<int>{1, 2}));
+    EXPECT_EQ(moved_channels(ReceiverAnswer{}), std::vector<int>{});
 }
 
-TEST(RcChannels, TheirListGivesThemTheirCalibration) {
-    EXPECT_EQ(channel_list(receiver_of(answer)), R"([{"ch":1,"min":900,"c":1400,"max":2100},)"
-                                                 R"({"ch":2,"min":1550,"c":1590,"max":1649}])");
+TEST(RcChannels, AreCalibratedByCommands) {
+    EXPECT_EQ(calibration_command(CalibrationStep::begin_ends, 1),
+              R"({"cmd":"rc","param":"calibrate-minmax","value":"0"})");
+    EXPECT_EQ(calibration_command(CalibrationStep::finish_ends, 2),
+              R"({"cmd":"rc","param":"finish-minmax","value":"1"})");
+    EXPECT_EQ(calibration_command(CalibrationStep::take_centres, 2),
+              R"({"cmd":"rc","param":"set-center","value":"1"})");
+}
+
+TEST(RcChannels, AreRestoredByOneCommand) {
+    EXPECT_EQ(restore_command(2, receiver_of(answer)),
+              R"({"cmd":"rc","param":"set-config","value":"1","value2":)"
+              R"("[{\"ch\":1,\"min\":900,\"c\":1400,\"max\":2100},)"
+              R"({\"ch\":2,\"min\":1550,\"c\":1590,\"max\":1649}]"})");
 }
 
 TEST(RcChannels, AreComparedByTheirCalibration) {

@@ -1,5 +1,6 @@
 #include "net/client_registry.h"
 
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -159,4 +160,22 @@ TEST_F(Registry, OneHostWithTwoPortsIsTwoClients) {
     register_client(registry_, ipv4_port("10.0.0.1", 1), false, 0);
     register_client(registry_, ipv4_port("10.0.0.1", 2), false, 0);
     EXPECT_EQ(slot_destination(registry_.slots[1], false), ipv4_port("10.0.0.1", 2));
+}
+
+TEST_F(Registry, TheVersionChangesWithAddressesAndModesAlone) {
+    const auto changes = [this](const std::function<void()> &action) {
+        const uint32_t before = registry_.version;
+        action();
+        return registry_.version != before;
+    };
+    now = 7000;
+    EXPECT_TRUE(changes([this] { register_client(registry_, client(0), false, 5000); }));
+    EXPECT_FALSE(changes([this] { register_client(registry_, client(0), false, 6000); }));
+    EXPECT_FALSE(changes([this] { sweep(); }));
+    EXPECT_TRUE(changes([this] { register_client(registry_, client(0), true, 6000); }));
+    EXPECT_TRUE(changes([this] { register_client(registry_, client(1), false, 6000); }));
+    EXPECT_FALSE(changes([this] { remove_client(registry_, client(2)); }));
+    EXPECT_TRUE(changes([this] { remove_client(registry_, client(1)); }));
+    now = 60000;
+    EXPECT_TRUE(changes([this] { sweep(); })) << "lost";
 }

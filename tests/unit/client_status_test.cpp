@@ -1,16 +1,21 @@
 // The status record in words. The record is written by the daemon's own function.
-#include "client/status_record.h"
+#include "client/status_words.h"
 
 #include "config/config.h"
 #include "core/status_monitor.h"
+#include "net/relay_packet.h"
 
 #include <fstream>
 #include <gtest/gtest.h>
 
+static std::optional<StatusRecord> parse(std::span<const uint8_t> payload) {
+    return parse_status({relay_type_data, 0, payload});
+}
+
 static StatusRecord read_back(const BoardStatus &status, const ConfigRecord &config) {
     uint8_t record[status_record_size];
     fill_status_record(status, config, record);
-    return parse_status(record).value();
+    return parse(record).value();
 }
 
 static std::string words_of(const StatusRecord &record, const std::string &name) {
@@ -90,19 +95,19 @@ TEST(StatusRecord, EachFlagHasItsOwnPlace) {
 
 TEST(StatusRecord, AnythingElseIsRefused) {
     uint8_t record[status_record_size + 1] = {4};
-    EXPECT_TRUE(parse_status({record, status_record_size}));
-    EXPECT_FALSE(parse_status({record, status_record_size - 1}));
-    EXPECT_FALSE(parse_status({record, status_record_size + 1}));
+    EXPECT_TRUE(parse({record, status_record_size}));
+    EXPECT_FALSE(parse({record, status_record_size - 1}));
+    EXPECT_FALSE(parse({record, status_record_size + 1}));
     record[0] = 1;
-    EXPECT_FALSE(parse_status({record, status_record_size}));
-    EXPECT_FALSE(parse_status({}));
+    EXPECT_FALSE(parse({record, status_record_size}));
+    EXPECT_FALSE(parse({}));
 }
 
 TEST(StatusWords, AnIdleBoard) {
     const StatusRecord idle{};
     EXPECT_EQ(status_line(idle),
               "sources: none; storage: not examined on this board; links: none up; "
-              "services: all off; 0 °C; RC: no receiver; movement: no list; clients: 0");
+              "services: all off; -; RC: no receiver; movement: no list; clients: 0");
 }
 
 TEST(StatusWords, Storage) {
@@ -117,6 +122,24 @@ TEST(StatusWords, Storage) {
     EXPECT_EQ(text(2, 0), "external, no free space or no drive");
     EXPECT_EQ(text(255, 0), "no free space anywhere");
     EXPECT_EQ(text(7, 0), "place 7");
+    record.storage_place = 2;
+    record.free_megabytes = 83000; // of the system, as there is no drive
+    EXPECT_EQ(status_words(record, Drive::missing)[2].second, "external, no drive mounted: -");
+    EXPECT_EQ(status_words(record, Drive::mounted)[2].second, "external, 83.0 GB free");
+}
+
+// The flags say what is switched on, the numbers what runs.
+TEST(StatusWords, ServicesThatShowNoSign) {
+    StatusRecord record{};
+    record.is_recording = record.udp = record.rtmp = record.srt = record.rtsp = true;
+    EXPECT_EQ(words_of(record, "Services"),
+              "recording (wanted, not running), UDP, RTMP (wanted, not running), "
+              "SRT (wanted, no viewer), RTSP (wanted, no viewer)");
+    record.recorder_number = 75;
+    record.rtmp_number = 4000;
+    record.rtsp_number = 2;
+    EXPECT_EQ(words_of(record, "Services"),
+              "recording (75), UDP, RTMP (4000), SRT (wanted, no viewer), RTSP (2)");
 }
 
 TEST(StatusWords, Movement) {
@@ -134,9 +157,8 @@ TEST(StatusWords, Movement) {
 
 TEST(StatusWords, TemperaturesBelowZero) {
     StatusRecord record =
-        parse_status(std::vector<uint8_t>{4, 0, 0, 0, 0,    0, 0, 0, 0, 0, 0, 0, 0, 0,
-                                          0, 0, 0, 0, 0xFB, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-                                          0, 0, 0, 0, 0,    0, 0, 0, 0, 0, 0, 0, 0})
+        parse(std::vector<uint8_t>{4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFB, 0, 0,
+                                   0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,    0})
             .value();
     EXPECT_EQ(words_of(record, "Temperature"), "-5 °C");
 }

@@ -1,11 +1,9 @@
-// What beaconctl makes of packets: headers, losses, the start of a video, pieces of a file.
-#include "client/file_transfer.h"
+// How a client reads packets: headers, kinds, losses, the start of a video.
 #include "client/packet.h"
+#include "client/sequence_count.h"
 #include "client/stream_start.h"
 
-#include <cstring>
 #include <gtest/gtest.h>
-#include <limits>
 
 using Bytes = std::vector<uint8_t>;
 
@@ -41,18 +39,38 @@ TEST(Packet, AnythingElseIsRefused) {
     }
 }
 
-TEST(Packet, KindsAreTold) {
-    Bytes status(41);
-    status[0] = 4;
-    const auto kind = [](uint8_t type, const Bytes &payload, auto is_kind) {
-        const Bytes bytes = packet_bytes(type, 0, payload);
-        return is_kind(*parse_packet(bytes));
-    };
-    EXPECT_TRUE(kind(0, status, is_status));
-    EXPECT_FALSE(kind(1, status, is_status));
-    EXPECT_FALSE(kind(0, Bytes(40, 4), is_status));
-    EXPECT_TRUE(kind(0, {8, 2}, is_menu_notice));
-    EXPECT_FALSE(kind(0, {8}, is_menu_notice));
+static PacketKind kind_of(uint8_t type, const Bytes &payload) {
+    const Bytes bytes = packet_bytes(type, 0, payload);
+    return packet_kind(*parse_packet(bytes));
+}
+
+// A payload of `size` bytes that begins with `first`.
+static Bytes beginning_with(uint8_t first, size_t size) {
+    Bytes payload(size);
+    payload[0] = first;
+    return payload;
+}
+
+TEST(Packet, KindsOfDataAreToldByTheirBeginningAndLength) {
+    EXPECT_EQ(kind_of(0, beginning_with(1, 44)), PacketKind::info);
+    EXPECT_EQ(kind_of(0, beginning_with(4, 41)), PacketKind::status);
+    EXPECT_EQ(kind_of(0, beginning_with(8, 2)), PacketKind::menu_notice);
+    EXPECT_EQ(kind_of(0, beginning_with('{', 2)), PacketKind::data);
+    EXPECT_EQ(kind_of(0, {}), PacketKind::data);
+    for (const uint8_t first : Bytes{1, 4, 8}) {
+        for (const size_t size : {1U, 3U, 40U, 42U, 43U, 45U}) {
+            EXPECT_EQ(kind_of(0, beginning_with(first, size)), PacketKind::data);
+        }
+    }
+}
+
+TEST(Packet, OtherKindsAreToldByTheType) {
+    const Bytes status = beginning_with(4, 41);
+    EXPECT_EQ(kind_of(1, status), PacketKind::video);
+    EXPECT_EQ(kind_of(2, status), PacketKind::audio);
+    EXPECT_EQ(kind_of(3, status), PacketKind::camera);
+    EXPECT_EQ(kind_of(4, status), PacketKind::file_piece);
+    EXPECT_EQ(kind_of(5, status), PacketKind::unknown);
 }
 
 TEST(Packet, TheBoardsNameLosesItsPadding) {
@@ -60,9 +78,10 @@ TEST(Packet, TheBoardsNameLosesItsPadding) {
     for (const char c : std::string("My board") + std::string(32, ' ')) {
         payload.push_back(static_cast<uint8_t>(c));
     }
-    const Bytes bytes = packet_bytes(0, 0, payload);
+    const Bytes bytes = packet_bytes(0, 70000, payload);
     const auto info = parse_info(*parse_packet(bytes));
     ASSERT_TRUE(info);
+    EXPECT_EQ(info->sequence, 70000U);
     EXPECT_EQ(info->name, "My board");
     EXPECT_EQ(info->app_type, 9);
     EXPECT_EQ(info->client_count, 3);
@@ -80,7 +99,7 @@ TEST(Packet, GimbalValuesArePartsOf32767) {
 
 TEST(SequenceCount, CountsWhatIsPassedOver) {
     SequenceCount count;
-    EXPECT_EQ(count_packet(count, 100), Arrival::in_order); // the first is no loss
+    EXPECT_EQ(count_packet(count, 100), Arrival::in_order); // the first is not a loss
     EXPECT_EQ(count_packet(count, 101), Arrival::in_order);
     EXPECT_EQ(count_packet(count, 105), Arrival::in_order);
     EXPECT_EQ(count.lost, 3U);
@@ -120,7 +139,40 @@ TEST(SequenceCount, RemembersABoundedNumber) {
     EXPECT_EQ(count_packet(count, 2000001), Arrival::late);
 }
 
-// Feeds the stream in pieces of `size` and returns what is to be written.
+TEST(StreamGap, IsSeenByEachStreamOnce) {
+    SequenceCount count;
+    StreamGap video;
+    StreamGap audio;
+    count_packet(count, 10);
+    EXPECT_FALSE(passes_gap(video, count));
+    count_packet(count, 12);
+    EXPECT_TRUE(passes_gap(video, count));
+    count_packet(count, 13);
+    EXPECT_FALSE(passes_gap(video, count));
+    EXPECT_TRUE(passes_gap(audio, count));
+    EXPECT_FALSE(passes_gap(audio, count));
+    EXPECT_FALSE(is_missing_between(count, 12, 13));
+    EXPECT_TRUE(is_missing_between(count, 10, 12));
+    count_packet(count, 11);
+    EXPECT_FALSE(is_missing_between(count, 10, 13));
+}
+
+TEST(SequenceCount, KnowsWhatIsMissingWhereTheNumbersBeginAgain) {
+    SequenceCount count;
+    uint32_t number = 0xFFFF0000;
+    for (int i = 0; i < 2000; ++i) { // more than are remembered
+        count_packet(count, number += 2);
+    }
+    count_packet(count, 0xFFFFFFFE);
+    count_packet(count, 1);
+    EXPECT_TRUE(is_missing_between(count, 0xFFFFFFFE, 1));
+    EXPECT_FALSE(is_missing_between(count, 1, 2));
+    count_packet(count, 2);
+    count_packet(count, 4);
+    EXPECT_TRUE(is_missing_between(count, 2, 4));
+}
+
+// Feeds the stream in pieces of `size` and returns what should be written.
 static std::string started(const std::string &stream, size_t size) {
     StreamStart start;
     std::string written;
@@ -150,113 +202,4 @@ TEST(StreamStart, PiecesOnBothSidesOfALossAreNotJoined) {
     EXPECT_EQ(take_stream(start, first, false), "");
     EXPECT_EQ(take_stream(start, second, true), "");
     EXPECT_FALSE(start.found);
-}
-
-static Bytes piece_payload(uint16_t length, uint32_t offset, uint32_t size, size_t data) {
-    Bytes payload = {static_cast<uint8_t>(length), static_cast<uint8_t>(length >> 8)};
-    for (const uint32_t number : {offset, size}) {
-        for (unsigned i = 0; i < 4; ++i) {
-            payload.push_back(static_cast<uint8_t>(number >> 8 * i));
-        }
-    }
-    payload.resize(10 + data, 'd');
-    return payload;
-}
-
-TEST(FilePiece, IsReadAsItsLayoutSays) {
-    const Bytes bytes = packet_bytes(4, 0, piece_payload(300, 70000, 123456789, 300));
-    const auto piece = parse_piece(*parse_packet(bytes));
-    ASSERT_TRUE(piece);
-    EXPECT_EQ(piece->offset, 70000U);
-    EXPECT_EQ(piece->full_size, 123456789U);
-    EXPECT_EQ(piece->data.size(), 300U);
-    const Bytes wrong_length = packet_bytes(4, 0, piece_payload(300, 0, 0, 299));
-    EXPECT_FALSE(parse_piece(*parse_packet(wrong_length)));
-    const Bytes wrong_type = packet_bytes(0, 0, piece_payload(3, 0, 0, 3));
-    EXPECT_FALSE(parse_piece(*parse_packet(wrong_type)));
-    const Bytes short_payload = packet_bytes(4, 0, Bytes(9));
-    EXPECT_FALSE(parse_piece(*parse_packet(short_payload)));
-}
-
-static const Bytes data(60000, 'd');
-
-static FilePiece piece(uint32_t offset, uint32_t size, size_t length) {
-    return {offset, size, {data.data(), length}};
-}
-
-// A transfer whose first request has been answered.
-static FileTransfer after_reset() {
-    FileTransfer transfer;
-    EXPECT_EQ(take_piece(transfer, piece(reset_offset, 77, 0)), PieceVerdict::taken);
-    EXPECT_EQ(transfer.offset, probe_offset);
-    return transfer;
-}
-
-TEST(FileTransfer, ProbesThenTakesPieceAfterPiece) {
-    FileTransfer transfer = after_reset();
-    EXPECT_EQ(take_piece(transfer, piece(0, 100, 50)), PieceVerdict::not_expected);
-    EXPECT_EQ(take_piece(transfer, piece(reset_offset, 77, 0)), PieceVerdict::not_expected);
-    EXPECT_EQ(take_piece(transfer, piece(probe_offset, 100, 0)), PieceVerdict::taken);
-    EXPECT_EQ(transfer.offset, 0U);
-    EXPECT_EQ(take_piece(transfer, piece(0, 100, 60)), PieceVerdict::taken);
-    EXPECT_EQ(take_piece(transfer, piece(0, 100, 60)), PieceVerdict::not_expected);
-    EXPECT_EQ(take_piece(transfer, piece(60, 100, 40)), PieceVerdict::complete);
-    EXPECT_EQ(transfer.offset, 100U);
-}
-
-TEST(FileTransfer, TellsAMissingFileFromAnEmptyOne) {
-    FileTransfer missing;
-    EXPECT_EQ(take_piece(missing, piece(0, 0, 0)), PieceVerdict::missing);
-    FileTransfer empty = after_reset();
-    EXPECT_EQ(take_piece(empty, piece(probe_offset, 0, 0)), PieceVerdict::complete);
-}
-
-TEST(FileTransfer, ResumesWhereItIsTold) {
-    FileTransfer transfer = after_reset();
-    transfer.start = 70;
-    EXPECT_EQ(take_piece(transfer, piece(probe_offset, 100, 0)), PieceVerdict::taken);
-    EXPECT_EQ(take_piece(transfer, piece(70, 100, 30)), PieceVerdict::complete);
-    FileTransfer longer = after_reset();
-    longer.start = 101;
-    EXPECT_EQ(take_piece(longer, piece(probe_offset, 100, 0)), PieceVerdict::changed);
-}
-
-TEST(FileTransfer, ASecondProbeMustTellTheSameSize) {
-    FileTransfer transfer = after_reset();
-    take_piece(transfer, piece(probe_offset, 100, 0));
-    take_piece(transfer, piece(0, 100, 60));
-    transfer.start = 60;
-    transfer.offset = probe_offset;
-    EXPECT_EQ(take_piece(transfer, piece(probe_offset, 200, 0)), PieceVerdict::changed);
-    EXPECT_EQ(take_piece(transfer, piece(probe_offset, 100, 0)), PieceVerdict::taken);
-    EXPECT_EQ(transfer.offset, 60U);
-}
-
-TEST(FileTransfer, SeesWhatCannotBeRight) {
-    FileTransfer large = after_reset();
-    EXPECT_EQ(take_piece(large, piece(probe_offset, 0x7FFFFFFF, 0)), PieceVerdict::too_large);
-    FileTransfer transfer = after_reset();
-    take_piece(transfer, piece(probe_offset, 100, 0));
-    EXPECT_EQ(take_piece(transfer, piece(0, 200, 50)), PieceVerdict::changed);
-    EXPECT_EQ(take_piece(transfer, piece(0, 100, 101)), PieceVerdict::changed);
-    EXPECT_EQ(take_piece(transfer, piece(0, 100, 0)), PieceVerdict::ended_early);
-    EXPECT_EQ(transfer.offset, 0U);
-}
-
-TEST(FileTransfer, AsksWithOneJsonCommand) {
-    EXPECT_EQ(piece_request("/a \"b\".mp4", 59990),
-              R"({"cmd":"file","param":"get","value":"/a \"b\".mp4","value2":"59990"})");
-}
-
-TEST(PieceClock, WaitsLongerEachTimeAndLearns) {
-    PieceClock clock;
-    const double first = piece_patience(clock);
-    clock.misses = 1;
-    EXPECT_DOUBLE_EQ(piece_patience(clock), 2 * first);
-    clock.misses = std::numeric_limits<int>::max();
-    EXPECT_DOUBLE_EQ(piece_patience(clock), 2.0);
-    for (int i = 0; i < 50; ++i) {
-        note_piece(clock, 0.001);
-    }
-    EXPECT_DOUBLE_EQ(piece_patience(clock), 0.1);
 }

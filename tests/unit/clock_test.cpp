@@ -21,7 +21,7 @@ TEST(Clock, WrapsModulo32Bits) {
 
 TEST(Clock, GoesOnAfter2038) {
     EXPECT_EQ(milliseconds_of({0x7FFFFFFF, 999000000}) + 1, milliseconds_of({0x80000000, 0}));
-    EXPECT_EQ(milliseconds_of({0x100000001, 7000000}), 1007U); // 2^32 s are whole turns of 2^32 ms
+    EXPECT_EQ(milliseconds_of({0x100000001, 7000000}), 1007U); // 2^32 s wrap to 0 ms
 }
 
 TEST(PeerLoss, IsStrictlyAfterTheTimeout) {
@@ -55,7 +55,7 @@ TEST(VideoLoss, SurvivesTheWrapOfTheClock) {
 }
 
 TEST(VideoLoss, IsCalmWhenTheClockIsSetBack) {
-    // The difference is signed: a frame from the future is not old.
+    // The difference is signed, so a frame from the future is not old.
     EXPECT_FALSE(video_is_lost(5000, 4000));
     EXPECT_FALSE(video_is_lost(5000, 5000U - 0x80000000U + 1));
 }

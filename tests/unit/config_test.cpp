@@ -9,10 +9,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <memory>
 #include <string>
 #include <unistd.h>
 
-// A configuration file with `text`, gone again at the end of the test.
+// A configuration file with `text`, removed at the end of the test.
 class Loader : public ::testing::Test {
 protected:
     Loader() {
@@ -68,7 +69,8 @@ static std::string text_of(const char *key) {
     return reinterpret_cast<const char *>(&config_record()) + row_of(key).text_offset;
 }
 
-// Written out by hand, beside the table: every text key, its field and whether it loses quotes.
+// Written by hand, independently of the table: every text key, its field and whether it loses
+// quotes.
 struct ExpectedText {
     const char *key;
     size_t size;
@@ -109,7 +111,7 @@ constexpr ExpectedText expected_texts[] = {
 TEST_F(Loader, TextsAreCutToTheirFieldsThenLoseTheirQuotes) {
     for (const ExpectedText &expected : expected_texts) {
         SCOPED_TRACE(expected.key);
-        // A quote first and last within the field: cut first, so both count as kept characters.
+        // A quote first and last within the field: truncated first, so both still count.
         const size_t kept = std::min<size_t>(expected.size - 1, 9900);
         std::string value = "\"" + std::string(kept - 2, 'v') + "\"";
         std::string line = std::string(expected.key) + "=" + value + (kept == 9900 ? "" : "tail");
@@ -339,7 +341,7 @@ TEST_F(Loader, TheLastOfTwoLinesCounts) {
 }
 
 TEST_F(Loader, LinesUpToTheBufferAreReadWhole) {
-    // 9998 characters and the line end fit beside the terminating zero.
+    // 9998 characters fit together with the line end and the terminating zero.
     const std::string map(9998 - strlen("rc1_channels="), 'c');
     load("rc1_channels=" + map + "\nap_mode=5\n");
     EXPECT_EQ(text_of("rc1_channels"), map);
@@ -452,8 +454,70 @@ TEST_F(RestreamList, CountsAHostThatIsNoAddressWithoutADestination) {
                         "\t2:  10.0.0.3:0\n\n");
 }
 
+TEST_F(RestreamList, RefusesTheDaemonsOwnPortsOnThisBoard) {
+    parse("127.0.0.1:5000,127.9.9.9:5001,0.0.0.0:5003,255.255.255.255:5252,192.0.2.1:5252,"
+          "127.0.0.1:5002");
+    EXPECT_EQ(clients_.count, 6);
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_NE(clients_.addresses[i], 0U) << i;
+        const Ipv4Port expected =
+            i < 4 ? Ipv4Port{0} : static_cast<Ipv4Port>(clients_.addresses[i]);
+        EXPECT_EQ(clients_.destinations[i], expected) << i;
+    }
+}
+
+// The record with a restream list, and what is said about it.
+static std::string report(const char *text, int enabled, int block_size,
+                          void (*check)(ConfigRecord &)) {
+    const auto record = std::make_unique<ConfigRecord>();
+    ::testing::internal::CaptureStderr();
+    parse_restream_clients(text, record->restream_clients);
+    ::testing::internal::GetCapturedStderr();
+    record->stream_udp_enabled = enabled;
+    record->stream_udp_blocksize = block_size;
+    ::testing::internal::CaptureStderr();
+    check(*record);
+    return ::testing::internal::GetCapturedStderr();
+}
+
+static void report_only(ConfigRecord &record) {
+    report_restreaming(record);
+}
+
+TEST(RestreamReport, NamesEachReason) {
+    EXPECT_EQ(report("192.0.2.1:7", 1, 1300, report_only), "");
+    EXPECT_EQ(report("192.0.2.1:7", 1, 1, report_only), "");
+    EXPECT_EQ(report("", 1, 0, report_only), "Restreaming sends nothing: the block size is 0\n");
+    EXPECT_EQ(report("x:7,192.0.2.1:7,y:7,127.0.0.1:5252", 1, -2147483647 - 1, report_only),
+              "Restreaming sends nothing: the block size is -2147483648\n"
+              "Restreaming sends nothing to receiver 0, 2: the host is not an address\n"
+              "Restreaming to 127.0.0.1:5252 is refused: it is the daemon's own port\n");
+    EXPECT_EQ(report("x:7,127.0.0.1:5252", 0, 0, report_only), "") << "it is off";
+}
+
+TEST(RestreamReport, FollowsTheBoardsAddresses) {
+    // As if 127.0.0.1 were new, then as if 192.0.2.1 were gone.
+    EXPECT_EQ(report("127.0.0.1:5252", 1, 1300,
+                     [](ConfigRecord &record) {
+                         RestreamClients &clients = record.restream_clients;
+                         clients.destinations[0] = static_cast<Ipv4Port>(clients.addresses[0]);
+                         recheck_restream_clients(record);
+                         EXPECT_EQ(clients.destinations[0], 0U);
+                         recheck_restream_clients(record);
+                     }),
+              "Restreaming to 127.0.0.1:5252 is refused: it is the daemon's own port\n");
+    EXPECT_EQ(report("192.0.2.1:5252", 1, 1300,
+                     [](ConfigRecord &record) {
+                         RestreamClients &clients = record.restream_clients;
+                         clients.destinations[0] = 0;
+                         recheck_restream_clients(record);
+                         EXPECT_EQ(clients.destinations[0], clients.addresses[0]);
+                     }),
+              "");
+}
+
 TEST_F(Loader, FillsTheRestreamListFromTheStoredText) {
-    // The stored text is what is parsed: quotes are kept, so the first host is none.
+    // The stored text is parsed with its quotes, so the first host is not an address.
     load("stream_udp_clients=\"10.0.0.1:7,10.0.0.2:8\n");
     EXPECT_EQ(config_record().restream_clients.count, 2);
     EXPECT_EQ(config_record().restream_clients.destinations[0], 0U);

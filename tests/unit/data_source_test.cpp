@@ -1,4 +1,4 @@
-// The data source server at a free port, and a source on a socket of its own.
+// The data source server on a free port, and a source with its own socket.
 #include "media/data_source.h"
 
 #include "base/ipv4.h"
@@ -19,7 +19,7 @@ static int open_socket() {
     return made;
 }
 
-// Starts the server at a port that was free a moment ago. Returns the port; 0: there is none.
+// Starts the server on a port that was free a moment ago. Returns the port, or 0 on failure.
 static uint16_t start_server() {
     for (int attempt = 0; attempt < 100; ++attempt) {
         const int probe = open_socket();
@@ -35,7 +35,7 @@ static uint16_t start_server() {
     return 0;
 }
 
-// The next command that is not the one of every second; empty: none within a second.
+// The next command other than the one sent every second; empty when none arrives within a second.
 static std::string next_command(int source) {
     char datagram[4096];
     ssize_t length = 0;

@@ -1,6 +1,6 @@
 #include "media/frame_ring.h"
 
-#include "base/text.h"
+#include "base/bytes.h"
 #include "media/frame_ring_layout.h"
 
 #include <cstring>
@@ -136,4 +136,16 @@ TEST_F(Ring, AFrameLongerThanItsSlotIsGivenUp) {
     EXPECT_EQ(take().result, TakeResult::bad_length);
     EXPECT_EQ(slot(2)[slot_ready_at], 0);
     EXPECT_EQ(take().result, TakeResult::frame) << "a frame given up is not remembered";
+}
+
+TEST_F(Ring, TellsWhetherMoreFramesWait) {
+    set_index(198);
+    for (const unsigned i : {198U, 199U, 0U}) {
+        fill(i, 10, static_cast<uint16_t>(i));
+    }
+    EXPECT_TRUE(more_frames_wait(bytes_.data(), capacity, 0));
+    EXPECT_TRUE(more_frames_wait(bytes_.data(), capacity, 2));
+    EXPECT_FALSE(more_frames_wait(bytes_.data(), capacity, 3));
+    take();
+    EXPECT_FALSE(more_frames_wait(bytes_.data(), capacity, 2));
 }

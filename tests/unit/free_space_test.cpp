@@ -26,7 +26,7 @@ TEST(FreeSpace, IsCutToWholeDecimalMegabytes) {
 
 TEST(FreeSpace, MayHaveMoreThan32BitsOfBytesAndBlocks) {
     EXPECT_EQ(megabytes(4096, 1048577), 4294U);              // just over 2^32 bytes
-    EXPECT_EQ(megabytes(4096, (1ULL << 32) + 1), 17592186U); // and blocks
+    EXPECT_EQ(megabytes(4096, (1ULL << 32) + 1), 17592186U); // just over 2^32 blocks
     EXPECT_EQ(megabytes(65536, 60000000000), 3932160000U);   // 3.9 petabytes
 }
 

@@ -1,9 +1,9 @@
-"""h264parse against the streams of a real encoder.
+"""h264parse with the streams of a real encoder.
 
-ffmpeg encodes a few frames with libx264, the SPS is taken out of the Annex B stream, and
-h264parse_print prints what h264parse makes of it. What it must make of it is computed in two ways
-that do not share a line with the parser: from the size and format that were asked for, and from
-the SPS fields as ffmpeg's own bit stream filter lists them.
+ffmpeg encodes a few frames with libx264, the SPS is extracted from the Annex B stream, and
+h264parse_print prints the result of h264parse. The expected result is computed in two ways
+that share no code with the parser: from the requested size and format, and from
+the SPS fields as ffmpeg's bit stream filter lists them.
 
 QUILLORBEACON_BUILD names the build folder, which holds tests/h264parse_print.
 """
@@ -76,8 +76,8 @@ class Crop:
 def crossed(coded_width, coded_height, crop):
     """The sizes h264parse gives: top and bottom off the width, left and right off the height.
 
-    An offset always counts for two pixels: also in 4:2:2 and 4:4:4, where its unit is less, and in
-    interlaced streams, where it is more.
+    An offset always counts for two pixels, also in 4:2:2 and 4:4:4 (a smaller unit) and in
+    interlaced streams (a larger unit).
     """
     return (
         coded_width - 2 * (crop.top + crop.bottom),
@@ -88,8 +88,8 @@ def crossed(coded_width, coded_height, crop):
 def expected_size(width, height, pixel_format, interlaced):
     """From the picture size alone.
 
-    The encoder codes whole macroblocks of 16x16, in interlaced streams whole pairs of them in the
-    height, and crops what is too much at the right and at the bottom. The vertical crop unit is
+    The encoder codes whole macroblocks of 16x16, in interlaced streams whole pairs of them
+    vertically, and crops the excess at the right and at the bottom. The vertical crop unit is
     twice as large in interlaced streams.
     """
     rows = 32 if interlaced else 16
@@ -127,7 +127,7 @@ def encode(path, width, height, profile, interlaced=False, params="", arguments=
 
 
 def raw_sps(stream):
-    """The first SPS as it stands in an Annex B stream, without its NAL unit header."""
+    """The first SPS of an Annex B stream, unchanged, without its NAL unit header."""
     starts = [match.end() for match in re.finditer(b"\x00\x00\x01", stream)]
     for start, following in zip(starts, starts[1:] + [len(stream) + 3]):
         # The zeros before a start code belong to it, not to the unit before.
@@ -138,8 +138,8 @@ def raw_sps(stream):
 
 
 def sps_of(path):
-    # h264parse takes the bytes as they are. A 03 behind two zeros was put in by the encoder to
-    # keep start codes out of the SPS and is no data, so it is taken out here.
+    # h264parse takes the bytes as they are. The encoder inserts a 03 after two zeros to
+    # keep start codes out of the SPS; it is not data, so it is removed here.
     return re.sub(b"\x00\x00\x03", b"\x00\x00", raw_sps(path.read_bytes()))
 
 
@@ -210,7 +210,7 @@ def parsed_size(printer, sps):
 
 
 def check(printer, path, width, height, profile, interlaced=False):
-    # First that the stream is the one meant, then the two expectations, then the parser.
+    # First check that the stream is the intended one, then the two expectations, then the parser.
     assert probe(path) == (width, height, FORMATS[profile])
     fields = traced_fields(path)
     assert fields["profile_idc"] == PROFILE_IDCS[profile]
@@ -277,7 +277,7 @@ def test_encoder_settings(printer, tmp_path, params):
 @pytest.mark.parametrize("interlaced", [False, True])
 @pytest.mark.parametrize("profile", ["main", "high", "high422", "high444"])
 def test_all_four_crops(printer, tmp_path, profile, interlaced):
-    """The encoder crops at the right and the bottom only; a filter sets all four offsets."""
+    """The encoder crops only at the right and the bottom; a filter sets all four offsets."""
     crop = Crop(left=1, right=3, top=5, bottom=7)
     unit_x, unit_y = CROP_UNITS[FORMATS[profile]]
     if interlaced:
@@ -300,7 +300,7 @@ def test_all_four_crops(printer, tmp_path, profile, interlaced):
 
 
 def test_streams_have_emulation_prevention(tmp_path):
-    """What sps_of takes out is really there, so the other tests do exercise it."""
+    """The bytes that sps_of removes really occur, so the other tests exercise it."""
     path = encode(tmp_path / "stream.h264", 640, 360, "high")
     raw = raw_sps(path.read_bytes())
     assert b"\x00\x00\x03" in raw

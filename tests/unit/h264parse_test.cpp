@@ -1,14 +1,14 @@
 #include "h264parse.h"
 
+#include "sps_writer.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <optional>
 #include <ostream>
 #include <random>
 #include <sys/mman.h>
@@ -21,131 +21,10 @@ constexpr char past_end_message[] = "h264parse: assertion failed: m_nCurrentBit 
 
 constexpr unsigned int profiles_with_chroma_fields[] = {44, 83, 86, 100, 110, 118, 122, 244};
 
-// ---- Writing an SPS ----
-
-struct BitWriter {
-    std::vector<unsigned char> bytes; // the last one is filled up with zeros
-    size_t bits = 0;
-};
-
-void put_bits(BitWriter &writer, uint64_t value, int count) {
-    for (int i = count - 1; i >= 0; --i) {
-        if (writer.bits % 8 == 0) {
-            writer.bytes.push_back(0);
-        }
-        if (((value >> i) & 1U) != 0) {
-            writer.bytes.back() =
-                static_cast<unsigned char>(writer.bytes.back() | (0x80U >> (writer.bits % 8)));
-        }
-        ++writer.bits;
-    }
-}
-
-// One more than the value in binary, behind one zero fewer than it has digits.
-void put_ue(BitWriter &writer, uint64_t value) {
-    const int digits = static_cast<int>(std::bit_width(value + 1));
-    put_bits(writer, 0, digits - 1);
-    put_bits(writer, value + 1, digits);
-}
-
-// 0, 1, -1, 2, -2, ... are the unsigned codes 0, 1, 2, 3, 4, ...
-void put_se(BitWriter &writer, int64_t value) {
-    const uint64_t doubled = static_cast<uint64_t>(value > 0 ? value : -value) * 2;
-    put_ue(writer, value > 0 ? doubled - 1 : doubled);
-}
-
-struct Crop {
-    uint64_t left, right, top, bottom;
-};
-
-using ScalingList = std::vector<int64_t>; // the deltas as written; absent when empty
-
-struct Sps {
-    unsigned int profile_idc = 66;
-    uint64_t seq_parameter_set_id = 0;
-    bool has_chroma_fields = false;
-    uint64_t chroma_format_idc = 1;
-    unsigned int separate_colour_plane_flag = 0; // written with chroma_format_idc 3
-    uint64_t bit_depth_luma_minus8 = 0;
-    uint64_t bit_depth_chroma_minus8 = 0;
-    unsigned int transform_bypass_flag = 0;
-    std::vector<ScalingList> scaling_lists; // 8, or none: no scaling matrix
-    uint64_t log2_max_frame_num_minus4 = 0;
-    uint64_t pic_order_cnt_type = 2;
-    uint64_t log2_max_pic_order_cnt_lsb_minus4 = 4;  // type 0
-    int64_t offset_for_non_ref_pic = -3;             // type 1
-    int64_t offset_for_top_to_bottom_field = 7;      // type 1
-    std::vector<int64_t> offsets_for_ref_frame = {}; // type 1
-    uint64_t max_num_ref_frames = 4;
-    unsigned int gaps_allowed_flag = 0;
-    uint64_t pic_width_in_mbs_minus1 = 79;
-    uint64_t pic_height_in_map_units_minus1 = 44;
-    unsigned int frame_mbs_only_flag = 1;
-    unsigned int mb_adaptive_flag = 1;
-    unsigned int direct_8x8_inference_flag = 1;
-    std::optional<Crop> crop;
-};
-
-BitWriter write_sps(const Sps &sps) {
-    BitWriter writer;
-    put_bits(writer, sps.profile_idc, 8);
-    put_bits(writer, 0xC0, 8); // constraint flags
-    put_bits(writer, 31, 8);   // level_idc
-    put_ue(writer, sps.seq_parameter_set_id);
-    if (sps.has_chroma_fields) {
-        put_ue(writer, sps.chroma_format_idc);
-        if (sps.chroma_format_idc == 3) {
-            put_bits(writer, sps.separate_colour_plane_flag, 1);
-        }
-        put_ue(writer, sps.bit_depth_luma_minus8);
-        put_ue(writer, sps.bit_depth_chroma_minus8);
-        put_bits(writer, sps.transform_bypass_flag, 1);
-        put_bits(writer, sps.scaling_lists.empty() ? 0 : 1, 1);
-        for (const ScalingList &list : sps.scaling_lists) {
-            put_bits(writer, list.empty() ? 0 : 1, 1);
-            for (const int64_t delta : list) {
-                put_se(writer, delta);
-            }
-        }
-    }
-    put_ue(writer, sps.log2_max_frame_num_minus4);
-    put_ue(writer, sps.pic_order_cnt_type);
-    if (sps.pic_order_cnt_type == 0) {
-        put_ue(writer, sps.log2_max_pic_order_cnt_lsb_minus4);
-    } else if (sps.pic_order_cnt_type == 1) {
-        put_bits(writer, 1, 1);
-        put_se(writer, sps.offset_for_non_ref_pic);
-        put_se(writer, sps.offset_for_top_to_bottom_field);
-        put_ue(writer, sps.offsets_for_ref_frame.size());
-        for (const int64_t offset : sps.offsets_for_ref_frame) {
-            put_se(writer, offset);
-        }
-    }
-    put_ue(writer, sps.max_num_ref_frames);
-    put_bits(writer, sps.gaps_allowed_flag, 1);
-    put_ue(writer, sps.pic_width_in_mbs_minus1);
-    put_ue(writer, sps.pic_height_in_map_units_minus1);
-    put_bits(writer, sps.frame_mbs_only_flag, 1);
-    if (sps.frame_mbs_only_flag == 0) {
-        put_bits(writer, sps.mb_adaptive_flag, 1);
-    }
-    put_bits(writer, sps.direct_8x8_inference_flag, 1);
-    put_bits(writer, sps.crop.has_value() ? 1 : 0, 1);
-    if (sps.crop.has_value()) {
-        put_ue(writer, sps.crop->left);
-        put_ue(writer, sps.crop->right);
-        put_ue(writer, sps.crop->top);
-        put_ue(writer, sps.crop->bottom);
-    }
-    return writer;
-}
-
-// The bytes that an SPS needs: its last bit may lie just behind them if it is 0.
+// The number of bytes that an SPS needs: its last bit may be just after them if it is 0.
 size_t shortest_length(size_t bits) {
     return (bits - 1 + 7) / 8;
 }
-
-// ---- Reading it back ----
 
 struct Size {
     int width, height;
@@ -156,7 +35,7 @@ std::ostream &operator<<(std::ostream &out, const Size &size) {
     return out << size.width << "x" << size.height;
 }
 
-// The bytes end where a page without access begins, so a read behind them is a SIGSEGV.
+// The bytes end where an inaccessible page begins, so a read beyond them raises SIGSEGV.
 struct GuardedBytes {
     unsigned char *pages;
     size_t page_size;
@@ -208,7 +87,7 @@ void expect_abort(const std::vector<unsigned char> &bytes, size_t length) {
     EXPECT_EXIT(parse_guarded(bytes, length), testing::KilledBySignal(SIGABRT), past_end_message);
 }
 
-// A valid SPS ends the process at every length up to the one that suffices.
+// A valid SPS that is cut short ends the process, at every length below the sufficient one.
 void expect_abort_when_truncated(const Sps &sps, Size whole) {
     const BitWriter writer = write_sps(sps);
     const size_t enough = shortest_length(writer.bits);
@@ -217,19 +96,6 @@ void expect_abort_when_truncated(const Sps &sps, Size whole) {
         expect_abort(writer.bytes, length);
     }
     EXPECT_EQ(parse_guarded(writer.bytes, writer.bytes.size()), whole);
-}
-
-Sps high_sps() {
-    Sps sps;
-    sps.profile_idc = 100;
-    sps.has_chroma_fields = true;
-    return sps;
-}
-
-std::vector<ScalingList> eight_lists(int64_t delta) {
-    std::vector<ScalingList> lists(6, ScalingList(16, delta));
-    lists.resize(8, ScalingList(64, delta));
-    return lists;
 }
 
 } // namespace
@@ -415,7 +281,7 @@ TEST(H264Parse, ScalingListScalesWrapModulo256) {
 }
 
 TEST(H264Parse, ScalingListTakesTheLargestDeltas) {
-    constexpr int64_t most = (int64_t{1} << 32) - 1; // 32 leading zeros, the longest code
+    constexpr int64_t most = (int64_t{1} << 32) - 1; // 32 leading zeros: the longest code
     Sps sps = high_sps();
     sps.scaling_lists.resize(8);
     sps.scaling_lists[0] = {most, -7};                   // 8 - 1 = 7 modulo 256, then 0
@@ -519,7 +385,7 @@ TEST(H264Parse, SizesWrapAt32Bits) {
 }
 
 TEST(H264Parse, AnyBytesAreReadWithoutInterpretation) {
-    // Profile 255, then ones only: every number is 0, cropping is on.
+    // Profile 255, then only ones: every number is 0, cropping is on.
     const std::vector<unsigned char> ones(8, 0xFF);
     EXPECT_EQ(parse_guarded(ones, ones.size()), (Size{16, 16}));
 }
@@ -571,7 +437,7 @@ TEST(H264Parse, CountsNoMoreThan32Zeros) {
     put_bits(writer, 0, 40);
     put_bits(writer, 0x1FFFFFF, 25);
     const BitWriter rest = write_sps(sps);
-    for (size_t bit = 25; bit < rest.bits; ++bit) { // behind the one bit of seq_parameter_set_id
+    for (size_t bit = 25; bit < rest.bits; ++bit) { // after the one bit of seq_parameter_set_id
         put_bits(writer, (rest.bytes[bit / 8] >> (7 - bit % 8)) & 1U, 1);
     }
     EXPECT_EQ(parse_guarded(writer.bytes, writer.bytes.size()), (Size{1280, 720}));

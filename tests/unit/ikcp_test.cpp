@@ -1,138 +1,21 @@
-// The block by itself: initial values, settings, queues, time, memory, and the fatal checks.
-#include "ikcp.h"
+// The block by itself: initial values, settings, queues, time, and the fatal checks.
+#include "ikcp_block.h"
 
-#include <algorithm>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <set>
 #include <string>
 #include <vector>
 
-namespace {
+using namespace ikcp_block;
 
-// A block whose datagrams are kept.
-struct Block {
-    explicit Block(uint32_t conv = 7) : kcp(ikcp_create(conv, this)) {
-        kcp->output = [](const char *buf, int len, ikcpcb *, void *user) {
-            static_cast<Block *>(user)->sent.emplace_back(buf, static_cast<size_t>(len));
-            return len;
-        };
-    }
-    ~Block() {
-        ikcp_release(kcp);
-    }
-    Block(const Block &) = delete;
-    Block &operator=(const Block &) = delete;
-
-    int send(const std::string &text) const {
-        return ikcp_send(kcp, text.data(), static_cast<int>(text.size()));
-    }
-    void flush_at(uint32_t time) const {
-        kcp->updated = 1;
-        kcp->current = time;
-        ikcp_flush(kcp);
-    }
-    // Moves every datagram to the peer.
-    void pass_to(const Block &peer) {
-        for (const std::string &datagram : sent) {
-            EXPECT_EQ(0, ikcp_input(peer.kcp, datagram.data(), static_cast<long>(datagram.size())));
-        }
-        sent.clear();
-    }
-
-    ikcpcb *kcp;
-    std::vector<std::string> sent;
-};
-
-// What ikcp_recv gives for a buffer of `room` bytes, with the result in front of the bytes.
-std::string received(const Block &block, int room = 65000) {
-    std::vector<char> buffer(static_cast<size_t>(std::abs(room)) + 1);
-    const int size = ikcp_recv(block.kcp, buffer.data(), room);
-    if (size < 0) {
-        return std::to_string(size);
-    }
-    return std::to_string(size) + ":" + std::string(buffer.data(), static_cast<size_t>(size));
-}
-
-std::string with_size(const std::string &text) {
-    return std::to_string(text.size()) + ":" + text;
-}
-
-std::string text_of(size_t size, unsigned int seed) {
-    std::string text(size, '\0');
-    for (char &byte : text) {
-        seed = seed * 1103515245U + 12345U;
-        byte = static_cast<char>(seed >> 16);
-    }
-    return text;
-}
-
-std::vector<uint32_t> lengths(const IkcpList &list) {
-    std::vector<uint32_t> result;
-    const IkcpSegment *previous = nullptr;
-    for (const IkcpSegment *segment = list.first; segment != nullptr; segment = segment->next) {
-        EXPECT_EQ(previous, segment->previous);
-        previous = segment;
-        result.push_back(segment->len);
-    }
-    EXPECT_EQ(previous, list.last);
-    return result;
-}
-
-std::vector<uint32_t> fragments(const IkcpList &list) {
+static std::vector<uint32_t> fragments(const IkcpList &list) {
     std::vector<uint32_t> result;
     for (const IkcpSegment *segment = list.first; segment != nullptr; segment = segment->next) {
         result.push_back(segment->frg);
     }
     return result;
 }
-
-using Numbers = std::vector<uint32_t>;
-
-// Counts what is taken and given back, and refuses the calls it is told to.
-struct Memory {
-    std::set<void *> live;
-    size_t calls = 0;
-    size_t taken = 0;        // bytes of the last call
-    size_t refuse_from = 0;  // first refused call, from 1; 0 refuses none
-    size_t refuse_count = 1; // how many from there
-} memory;
-
-void *take(size_t size) {
-    ++memory.calls;
-    memory.taken = size;
-    if (memory.refuse_from != 0 && memory.calls >= memory.refuse_from &&
-        memory.calls - memory.refuse_from < memory.refuse_count) {
-        return nullptr;
-    }
-    void *place = std::malloc(size);
-    std::memset(place, 0xA5, size);
-    memory.live.insert(place);
-    return place;
-}
-
-void give(void *place) {
-    EXPECT_EQ(1U, memory.live.erase(place));
-    std::free(place);
-}
-
-// The counting hooks, as long as it lives.
-struct CountedMemory {
-    CountedMemory() {
-        memory = Memory{};
-        ikcp_allocator(take, give);
-    }
-    ~CountedMemory() {
-        ikcp_allocator(nullptr, nullptr);
-        EXPECT_TRUE(memory.live.empty());
-    }
-    CountedMemory(const CountedMemory &) = delete;
-    CountedMemory &operator=(const CountedMemory &) = delete;
-};
-
-} // namespace
 
 TEST(IkcpBlock, BeginsWithTheseValues) {
     int user = 0;
@@ -362,7 +245,7 @@ TEST(IkcpSend, StreamModeFillsSegmentsCutBeforeItOrForASmallerMtu) {
     EXPECT_EQ((Numbers{200, 1}), lengths(block.kcp->snd_queue));
     EXPECT_EQ(0, std::memcmp(block.kcp->snd_queue.first->data, "message", 7));
     EXPECT_EQ(text_of(60, 1), std::string(block.kcp->snd_queue.first->data + 7, 60));
-    // A last segment that is longer than the mss of today stays as it is.
+    // A last segment that is longer than the current mss is not changed.
     EXPECT_EQ(0, block.send(text_of(199, 1)));
     ASSERT_EQ(0, ikcp_setmtu(block.kcp, 50));
     EXPECT_EQ(0, block.send("x"));
@@ -544,7 +427,7 @@ TEST(IkcpUpdate, FlushesEveryInterval) {
         Block block;
         ikcp_nodelay(block.kcp, -1, 30, -1, -1);
         const auto flushed = [&](uint32_t time) {
-            ikcp_ack_push(block.kcp, 1, 1); // leaves with any flush
+            ikcp_ack_push(block.kcp, 1, 1); // sent with any flush
             ikcp_update(block.kcp, time);
             EXPECT_EQ(time, block.kcp->current);
             const bool any = !block.sent.empty();
@@ -558,7 +441,7 @@ TEST(IkcpUpdate, FlushesEveryInterval) {
         EXPECT_FALSE(flushed(start + 29));
         EXPECT_TRUE(flushed(start + 30));
         EXPECT_EQ(start + 60, block.kcp->ts_flush);
-        EXPECT_TRUE(flushed(start + 65)); // a little late: the rhythm stays
+        EXPECT_TRUE(flushed(start + 65)); // a little late: the rhythm is kept
         EXPECT_EQ(start + 90, block.kcp->ts_flush);
         EXPECT_TRUE(flushed(start + 119));
         EXPECT_EQ(start + 120, block.kcp->ts_flush);
@@ -616,7 +499,7 @@ TEST(IkcpCheck, GivesTheTimeOfTheNextFlush) {
         EXPECT_EQ(start + 130, ikcp_check(block.kcp, start + 130)); // late: now
         EXPECT_EQ(start + 10100, ikcp_check(block.kcp, start + 10100));
         EXPECT_EQ(start + 10101, ikcp_check(block.kcp, start + 10101));
-        // Far ahead: no later than an interval from now, and now when it must be a jump.
+        // Far ahead: no later than an interval from now, or now when the clock must have jumped.
         EXPECT_EQ(start - 9900 + 100, ikcp_check(block.kcp, start - 9900));
         EXPECT_EQ(start - 9901, ikcp_check(block.kcp, start - 9901));
     }
@@ -627,7 +510,7 @@ TEST(IkcpCheck, GivesTheEarliestRepetition) {
         Block block;
         ikcp_nodelay(block.kcp, 1, 500, 0, 1);
         EXPECT_EQ(0, block.send("a"));
-        ikcp_update(block.kcp, start); // repeats at start + 200
+        ikcp_update(block.kcp, start); // retransmits at start + 200
         EXPECT_EQ(start + 500, block.kcp->ts_flush);
         EXPECT_EQ(start + 200, ikcp_check(block.kcp, start));
         EXPECT_EQ(start + 200, ikcp_check(block.kcp, start + 200));
@@ -659,201 +542,6 @@ TEST(IkcpOutput, PassesTheDatagramAndTheResult) {
     EXPECT_EQ(0, ikcp_output(kcp, "abc", -1));
     EXPECT_EQ(1, user);
     ikcp_release(kcp);
-}
-
-TEST(IkcpAckPush, KeepsPairsInOrderUpToTheLimit) {
-    const CountedMemory counted;
-    const Block block;
-    for (uint32_t i = 0; i < ikcp_max_acks + 10; ++i) {
-        ikcp_ack_push(block.kcp, i * 3, ~i);
-        EXPECT_LE(block.kcp->ackcount, block.kcp->ackblock);
-    }
-    ASSERT_EQ(ikcp_max_acks, block.kcp->ackcount);
-    for (uint32_t i = 0; i < ikcp_max_acks; ++i) {
-        ASSERT_EQ(i * 3, block.kcp->acklist[i].sn);
-        ASSERT_EQ(~i, block.kcp->acklist[i].ts);
-    }
-    EXPECT_EQ(3U, memory.live.size());
-}
-
-TEST(IkcpMemory, ReleaseFreesEveryQueue) {
-    const CountedMemory counted;
-    {
-        Block one;
-        Block other;
-        one.kcp->nocwnd = 1;
-        one.kcp->snd_wnd = 6;
-        other.kcp->rcv_wnd = 3;
-        for (int i = 0; i < 9; ++i) {
-            EXPECT_EQ(0, one.send("text"));
-        }
-        one.flush_at(0);
-        one.pass_to(other);
-        EXPECT_EQ(3U, one.kcp->nsnd_que);
-        EXPECT_EQ(6U, one.kcp->nsnd_buf);
-        EXPECT_EQ(3U, other.kcp->nrcv_que);
-        EXPECT_EQ(3U, other.kcp->nrcv_buf);
-        EXPECT_EQ(6U, other.kcp->ackcount);
-        // Two blocks with a buffer each, 9 + 6 segments, and the acks.
-        EXPECT_EQ(20U, memory.live.size());
-    }
-    EXPECT_TRUE(memory.live.empty());
-}
-
-TEST(IkcpMemory, DeliveredAndAcknowledgedSegmentsAreFreed) {
-    const CountedMemory counted;
-    Block one;
-    Block other;
-    one.kcp->nocwnd = 1;
-    for (int i = 0; i < 9; ++i) {
-        EXPECT_EQ(0, one.send("text"));
-    }
-    one.flush_at(0);
-    one.pass_to(other);
-    for (int i = 0; i < 9; ++i) {
-        EXPECT_EQ("4:text", received(other));
-    }
-    other.flush_at(0);
-    other.pass_to(one);
-    EXPECT_EQ(5U, memory.live.size()); // the blocks, their buffers, and one list of acks
-}
-
-TEST(IkcpMemory, EachHookHasItsDefault) {
-    memory = Memory{};
-    ikcp_allocator(take, nullptr);
-    ikcp_release(ikcp_create(1, nullptr)); // freed by free
-    EXPECT_EQ(2U, memory.calls);
-    ikcp_allocator(nullptr, nullptr);
-    ikcp_release(ikcp_create(1, nullptr));
-    EXPECT_EQ(2U, memory.calls);
-    memory = Memory{};
-}
-
-TEST(IkcpMemory, CreateFailsWithoutMemory) {
-    const CountedMemory counted;
-    for (const size_t refused : {1U, 2U}) {
-        memory.calls = 0;
-        memory.refuse_from = refused;
-        EXPECT_EQ(nullptr, ikcp_create(1, nullptr));
-        EXPECT_TRUE(memory.live.empty());
-    }
-}
-
-TEST(IkcpMemory, ARefusedSendChangesNothing) {
-    for (const int stream : {0, 1}) {
-        const CountedMemory counted;
-        const Block block;
-        ASSERT_EQ(0, ikcp_setmtu(block.kcp, 124));
-        EXPECT_EQ(0, block.send("first"));
-        block.kcp->stream = stream;
-        const size_t before = memory.live.size();
-        const std::string text = text_of(350, 1);
-        for (size_t refused = 1; refused <= 4; ++refused) {
-            memory.calls = 0;
-            memory.refuse_from = refused;
-            EXPECT_EQ(-2, block.send(text)) << refused;
-            EXPECT_EQ(before, memory.live.size());
-            EXPECT_EQ((Numbers{5}), lengths(block.kcp->snd_queue));
-            EXPECT_EQ(1U, block.kcp->nsnd_que);
-        }
-        memory.refuse_from = 0;
-        EXPECT_EQ(0, block.send(text));
-        EXPECT_EQ(stream != 0 ? (Numbers{100, 100, 100, 55}) : (Numbers{5, 100, 100, 100, 50}),
-                  lengths(block.kcp->snd_queue));
-    }
-}
-
-TEST(IkcpMemory, AReceivedSegmentThatCannotBeKeptIsNotAcknowledged) {
-    const CountedMemory counted;
-    Block one;
-    Block other;
-    one.kcp->nocwnd = 1;
-    EXPECT_EQ(0, one.send("text"));
-    one.flush_at(0);
-    const std::string datagram = one.sent.at(0);
-    const auto input = [&] {
-        memory.calls = 0;
-        return ikcp_input(other.kcp, datagram.data(), static_cast<long>(datagram.size()));
-    };
-    memory.refuse_from = 1; // the segment
-    EXPECT_EQ(0, input());
-    EXPECT_EQ(0U, other.kcp->ackcount);
-    EXPECT_EQ(0U, other.kcp->rcv_nxt);
-    memory.refuse_from = 2; // the acks
-    EXPECT_EQ(0, input());
-    EXPECT_EQ(0U, other.kcp->ackcount);
-    EXPECT_EQ(1U, other.kcp->rcv_nxt);
-    memory.refuse_from = 0;
-    EXPECT_EQ(0, input()); // the repetition is acknowledged
-    EXPECT_EQ(1U, other.kcp->ackcount);
-    EXPECT_EQ(1U, other.kcp->nrcv_que);
-}
-
-// A whole transfer in both directions in which calls n to n + count - 1 find no memory: nothing is
-// lost, and nothing leaks. False once there are fewer calls than n.
-static bool transfer_without_memory(size_t n, size_t count, int stream) {
-    const CountedMemory counted;
-    memory.refuse_from = n;
-    memory.refuse_count = count;
-    Block *ends[2] = {};
-    std::string sent[2];
-    std::string got[2];
-    std::set<std::string> seen;
-    for (Block *&end : ends) {
-        // Block has no room for a failed create, so that is tried before.
-        ikcpcb *kcp = ikcp_create(1, nullptr);
-        for (int tries = 0; kcp == nullptr && tries < 50; ++tries) {
-            kcp = ikcp_create(1, nullptr);
-        }
-        ikcp_release(kcp);
-        const size_t resume = memory.refuse_from;
-        memory.refuse_from = 0;
-        end = new Block(1);
-        memory.refuse_from = resume;
-        ikcp_nodelay(end->kcp, 1, 10, 2, 1);
-        end->kcp->stream = stream;
-        for (int tries = 0; tries < 50 && ikcp_setmtu(end->kcp, 60) != 0; ++tries) {
-        }
-    }
-    for (uint32_t time = 0; time < 20000; time += 10) {
-        for (int i = 0; i < 2; ++i) {
-            const std::string text = text_of(70, static_cast<unsigned int>(i) + 1);
-            if (sent[i].size() < 2100 && ends[i]->send(text) == 0) {
-                sent[i] += text;
-            }
-            ikcp_update(ends[i]->kcp, time);
-            ends[i]->pass_to(*ends[1 - i]);
-        }
-        for (int i = 0; i < 2; ++i) {
-            std::vector<char> room(100);
-            int size = 0;
-            while ((size = ikcp_recv(ends[i]->kcp, room.data(), 100)) >= 0) {
-                got[i].append(room.data(), static_cast<size_t>(size));
-            }
-        }
-        if (got[0].size() == 2100 && got[1].size() == 2100) {
-            break;
-        }
-    }
-    EXPECT_EQ(2100U, got[0].size()) << n;
-    EXPECT_TRUE(got[0] == sent[1] && got[1] == sent[0]) << n;
-    const bool reached = memory.calls >= n;
-    delete ends[0];
-    delete ends[1];
-    return reached;
-}
-
-TEST(IkcpMemory, ATransferSurvivesEachFailedCall) {
-    for (const int stream : {0, 1}) {
-        size_t n = 1;
-        while (transfer_without_memory(n, 1, stream)) {
-            ++n;
-        }
-        EXPECT_GT(n, 200U);
-        for (size_t from = 1; from < n; from += 7) {
-            transfer_without_memory(from, 20, stream);
-        }
-    }
 }
 
 TEST(IkcpDeath, ADatagramWithoutAHookEndsTheProcess) {

@@ -1,5 +1,5 @@
-// Two blocks joined by a simulated network that loses, repeats, reorders and delays datagrams. Time
-// is simulated as well, and a seed decides everything, so a failing run can be repeated alone.
+// Two blocks connected by a simulated network that loses, repeats, reorders and delays datagrams.
+// Time is simulated too, and everything depends on a seed, so a failing run can be repeated alone.
 #include "ikcp.h"
 
 #include <algorithm>
@@ -32,7 +32,7 @@ struct Dice {
 
 struct Datagram {
     uint64_t arrival;
-    uint64_t order; // of sending: decides between equal arrivals
+    uint64_t order; // of sending; decides between equal arrival times
     int to;
     std::string bytes;
 };
@@ -48,7 +48,7 @@ struct Network {
     uint32_t loss = 0;   // percent
     uint32_t repeat = 0; // percent
     uint32_t delay = 0;  // ms
-    uint32_t jitter = 0; // ms more at most: datagrams overtake each other
+    uint32_t jitter = 0; // maximum additional ms: datagrams overtake each other
     uint64_t now = 0;
     uint64_t sent = 0;
     std::priority_queue<Datagram, std::vector<Datagram>, Later> travelling = {};
@@ -70,7 +70,7 @@ struct End {
     std::string to_send; // all bytes
     size_t accepted = 0; // of them
     uint32_t largest = 0;
-    uint32_t stall = 0; // percent of the occasions at which nothing is read
+    uint32_t stall = 0; // percent of the turns in which nothing is read
     std::deque<size_t> sizes;
     std::string got;
 };
@@ -80,7 +80,7 @@ struct Kind {
     bool near_wrap;
 };
 
-// Where sequence numbers and the clock begin: near one of the points at which they wrap.
+// The initial sequence number and time: near one of the points at which they wrap.
 uint32_t start_of(Dice &dice, bool near_wrap) {
     if (!near_wrap) {
         return 0;
@@ -166,7 +166,7 @@ void run(uint32_t seed, const Kind &kind) {
     set_up(ends[0], ends[1], dice, kind);
     set_up(ends[1], ends[0], dice, kind);
     for (int i = 0; i < 2; ++i) {
-        // No message may need more fragments than either window has room for.
+        // No message may need more fragments than fit in either window.
         const uint32_t fragments = std::min(ends[0].kcp->rcv_wnd, ends[1].kcp->rcv_wnd);
         ends[i].largest = dice.between(1, fragments * ends[i].kcp->mss);
     }

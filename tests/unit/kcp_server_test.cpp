@@ -1,8 +1,8 @@
-// The file server switched on, and a peer of the same transport on a socket of its own.
+// The running file server, and a peer with the same transport and its own socket.
 #include "transfer/kcp_server.h"
 
+#include "base/bytes.h"
 #include "base/ipv4.h"
-#include "base/text.h"
 #include "transfer/transfer_lock.h"
 
 #include <algorithm>
@@ -41,7 +41,7 @@ protected:
         ASSERT_EQ(init_kcp_server(0, keep), 0);
     }
 
-    // Before the server is there, as there is only one.
+    // First without the server: there is only one per process.
     static void try_an_occupied_port() {
         const int occupier = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         sockaddr_in address = socket_address(ipv4_port("0.0.0.0", 0));
@@ -63,6 +63,7 @@ protected:
         ikcp_nodelay(peer_, 1, 10, 2, 1);
     }
     ~KcpServer() override {
+        ikcp_flush(peer_); // acknowledges the last, or the server would repeat it to the next peer
         ikcp_release(peer_);
         close(socket_);
     }
@@ -130,7 +131,7 @@ TEST_F(KcpServer, CarriesBytesBothWays) {
     EXPECT_LE(longest_, 1400);
     EXPECT_EQ(first_bytes_, (std::vector<char>{1, 0x55, 0, 0})) << "conversation 21761";
 
-    // Junk is survived: too short, another conversation, an unknown command.
+    // Junk must not hurt: too short, another conversation, an unknown command.
     for (const std::string &junk : {std::string("x"), std::string(24, '\0'),
                                     std::string("\1\x55\0\0\xFF", 5) + std::string(19, '\0')}) {
         send(socket_, junk.data(), junk.size(), 0);
@@ -146,8 +147,8 @@ TEST_F(KcpServer, IsNotThereWhenItsPortIsOccupied) {
     EXPECT_EQ(send_without_server_, -1) << "there is nothing to send with";
 }
 
-// The peer acknowledges nothing, so all that comes is the first flight. Its size shows the windows
-// without congestion control, its headers stream mode, and its datagrams the mtu.
+// The peer acknowledges nothing, so only the first flight arrives. Its size shows the windows
+// without congestion control, its headers show stream mode, and its datagrams show the mtu.
 TEST_F(KcpServer, SendsAWholeWindowOfFullSegmentsAtOnce) {
     constexpr size_t data_per_segment = 1376;
     constexpr size_t segments = 30;
@@ -164,7 +165,7 @@ TEST_F(KcpServer, SendsAWholeWindowOfFullSegmentsAtOnce) {
         const ssize_t length = recv(socket_, datagram, sizeof datagram, 0);
         ASSERT_GE(length, 24);
         if (length < 100) {
-            continue; // a repetition of what another peer left unacknowledged
+            continue; // a retransmission of what another peer left unacknowledged
         }
         EXPECT_EQ(datagram[ikcp_offset_cmd], ikcp_cmd_push);
         EXPECT_EQ(datagram[ikcp_offset_frg], 0);
@@ -180,17 +181,17 @@ TEST_F(KcpServer, SendsAWholeWindowOfFullSegmentsAtOnce) {
 }
 
 namespace {
-// A segment of the server's, as the wire has it.
+// A segment from the server, as on the wire.
 struct Push {
     uint32_t sn;
     uint32_t ts; // the server's own time, so that a busy machine does not matter
 };
 } // namespace
 
-// A peer that speaks the wire's format by hand.
+// A peer that builds the wire format by hand.
 class KcpServerWire : public KcpServer {
 protected:
-    // Frees the server of what earlier peers left unacknowledged.
+    // Acknowledges what earlier peers left unacknowledged.
     KcpServerWire() {
         ask(1 << 20);
     }
@@ -206,8 +207,8 @@ protected:
         return {reinterpret_cast<const char *>(bytes), sizeof bytes};
     }
 
-    // Sends the headers as one datagram, with a question behind them, and waits for the answer:
-    // by then the server has read them and sent what they made it send.
+    // Sends the headers as one datagram, followed by a window probe, and waits for the reply: by
+    // then the server has processed them and sent its replies.
     void ask(uint32_t una, const std::string &headers = {}) {
         const std::string datagram = headers + header(ikcp_cmd_ask, 0, 0, una);
         send(socket_, datagram.data(), datagram.size(), 0);
@@ -230,7 +231,7 @@ protected:
         return next_push();
     }
 
-    // Makes the server believe that an answer takes `rtt` ms, or a little longer.
+    // Makes the server believe that the round-trip time is `rtt` ms or a little more.
     void teach(uint32_t rtt) {
         const Push push = pushed("x");
         std::string acks;
@@ -266,12 +267,12 @@ protected:
         }
     }
 
-    std::vector<Push> pushes_; // not asked for yet
+    std::vector<Push> pushes_; // received but not yet requested by the test
     int answers_ = 0;
 };
 
 TEST_F(KcpServerWire, RepeatsASegmentThatTwoAcksHaveGoneAround) {
-    teach(30000); // a repetition for want of an ack is half a minute away
+    teach(30000); // a time-out retransmission is half a minute away
     const Push first = pushed(std::string(4UL * 1376, 'x'));
     for (uint32_t i = 1; i < 4; ++i) {
         ASSERT_EQ(next_push().sn, first.sn + i);
@@ -286,10 +287,10 @@ TEST_F(KcpServerWire, RepeatsASegmentThatTwoAcksHaveGoneAround) {
     EXPECT_LT(again.ts - first.ts, 30000U);
 }
 
-// What delays the first repetition: the time an answer takes, an interval of 30 ms, and an eighth
-// of both.
+// The first retransmission waits for the round-trip time, an interval of 30 ms, and an eighth of
+// their sum.
 TEST_F(KcpServerWire, RepeatsASegmentWithoutAnAckNoSoonerThanItMay) {
-    teach(208); // by integers of an eighth: 201 at least
+    teach(208); // the integer smoothing converges to at least 201
     const Push first = pushed("y");
     const Push again = next_push();
     EXPECT_EQ(again.sn, first.sn);

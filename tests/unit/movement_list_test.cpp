@@ -20,7 +20,7 @@ struct ParsedMovements {
     std::string report;
 };
 
-// Parses into a list that holds something else already.
+// Parses into a list that already holds something else.
 static ParsedMovements parse(const std::string &text) {
     ParsedMovements parsed;
     memset(static_cast<void *>(&parsed.list), 0x55, sizeof parsed.list);
@@ -152,7 +152,7 @@ TEST(MovementList, APieceOfNineFieldsIsNotCounted) {
     const ParsedMovements parsed = parse("1,2,3,4,5,6,7,8,9");
     EXPECT_EQ(parsed.list.count, 0);
     EXPECT_EQ(parsed.report, "");
-    // What it filled stays; what it lacks is as it was cleared.
+    // The fields it had stay; the missing ones keep their cleared values.
     expect_same(parsed.list.movements[0], {1, 2, 3, 4, 5, 6, 7, 8, 9, 0, 0});
     expect_same(parse("5").list.movements[0], {5, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0});
     expect_same(parse(",7").list.movements[0], {-1000, 7, 0, 0, 0, 0, 0, 0, 0, 0, 0});
@@ -324,4 +324,16 @@ TEST(MovementTable, AMissingListChangesNothing) {
     ASSERT_EQ(movement_count(), 2);
     expect_same(movement_at(0), {10, 5, 0, 2, -1000, 0.5, 0.5, 3, 1, -1, 0});
     expect_same(movement_at(1), {-20, 0, 0, -1, -1000, -1, -1, 2, 0, -1, 1});
+}
+
+TEST(MovementTable, KnowsWhetherAListIsNew) {
+    set_movement_list("1,2,3,,,,,4,1,,1");
+    EXPECT_FALSE(set_movement_list("1,2,3,,,,,4,1,,1"));
+    EXPECT_FALSE(set_movement_list("1.0,2,3,,,,,4,1,,1;")) << "written otherwise";
+    EXPECT_FALSE(set_movement_list(nullptr));
+    EXPECT_TRUE(set_movement_list("1,2,3,,,,,5,1,,1")) << "another delay";
+    EXPECT_TRUE(set_movement_list("1,2,3,,,,,5,1,,1;1,2,3,,,,,5,1,,1")) << "one more";
+    EXPECT_TRUE(set_movement_list("1,2,3,,,,,5,1,,1")) << "one less";
+    EXPECT_TRUE(set_movement_list(""));
+    EXPECT_FALSE(set_movement_list(""));
 }

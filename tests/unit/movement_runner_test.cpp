@@ -1,5 +1,5 @@
-// Single smooth movements, one pass per call: the movement thread is not started, and without a
-// shared camera state the camera looks straight ahead.
+// Single smooth movements, one pass per call. The movement thread is not started, and without a
+// shared camera state the camera points straight ahead.
 
 #include "automove/movement_list.h"
 #include "automove/movement_runner.h"
@@ -16,7 +16,7 @@ protected:
         set_app_gimbal_values(0.0, 0.0, 0.0);
         config_record().automove_smooth = 1;
         config_record().automove_smooth_speed = 6;
-        // Far to the left, straight ahead, and so near that it has arrived but for the last step.
+        // Far to the left, straight ahead, and exactly at the arrival threshold.
         set_movement_list("90,0,0,,,,,0,0,;0,0,0,,,,,0,0,;5,0,0,,,,,0,0,");
     }
     void TearDown() override {
@@ -46,9 +46,9 @@ TEST_F(SmoothRunner, AMovementAfterOneThatEndedMovesAtOnce) {
     EXPECT_EQ(pan_after(far), -0.5);
 }
 
-// Ten passes with the same speeds leave the gimbal alone, the next one sends them again.
+// Ten passes with the same speeds send nothing; the next one sends them again.
 TEST_F(SmoothRunner, UnchangedSpeedsAreSentAgainWithTheEleventhPass) {
-    pan_after(ahead); // whatever was sent before
+    pan_after(ahead); // a known state, whatever was sent before
     EXPECT_EQ(pan_after(far), -0.5);
     set_app_gimbal_values(0.25, 0.0, 0.0); // a client's
     for (int pass = 1; pass <= 10; ++pass) {

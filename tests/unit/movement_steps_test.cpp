@@ -12,7 +12,7 @@ constexpr double infinite = std::numeric_limits<double>::infinity();
 constexpr double not_a_number = std::numeric_limits<double>::quiet_NaN();
 constexpr Movement nothing_set{-1000, -1000, -1000, -1, -1000, -1, -1, 0, 0, -1, 0};
 
-// The steps in words, in the order in which they take place.
+// The steps as text, in order.
 static std::vector<std::string> words(const Movement &movement) {
     std::vector<std::string> all;
     for (const MovementStep &step : direct_movement_steps(movement)) {
@@ -30,7 +30,7 @@ static std::vector<std::string> words(const Movement &movement) {
     return all;
 }
 
-// Nothing set but one field.
+// A movement with only one field set.
 template <typename T>
 static std::vector<std::string> words_with(T Movement::*field, T value) {
     Movement movement = nothing_set;
@@ -40,7 +40,7 @@ static std::vector<std::string> words_with(T Movement::*field, T value) {
 
 using Words = std::vector<std::string>;
 
-// One of the words; empty when there are not as many.
+// One of the words; empty when there are fewer.
 static std::string word(const Words &all, size_t index) {
     return index < all.size() ? all[index] : "";
 }
@@ -359,7 +359,7 @@ TEST(SmoothMovement, AnAngleThatIsNotSetIsATarget) {
     EXPECT_TRUE(smooth_movement_pass(nothing_set, {-1000, -1000, -1000}, 6).is_arrived);
 }
 
-// The speeds of the same pass, worked out another way: by cases of the signs and the quotient.
+// The speeds of the same pass, computed in another way: by cases of the signs and the quotient.
 static std::vector<double> model(double pan, double tilt, double roll, const SpeedCase &speed) {
     const auto shared = [&](double other) {
         if (std::isnan(pan) || std::isnan(other) || std::fabs(pan) <= std::fabs(other)) {
@@ -443,4 +443,15 @@ TEST(MovementDistance, OfNoNumberIsNone) {
     EXPECT_TRUE(std::isnan(movement_distance(movement, {1, 2, 3})));
     movement.roll = infinite;
     EXPECT_EQ(movement_distance(movement, {1, 2, 3}), infinite);
+}
+
+// The runner ends this wait when something changes, and no other.
+TEST(DirectMovement, MarksItsDelayAndNoOtherWait) {
+    int delays = 0;
+    for (const MovementStep &step :
+         direct_movement_steps({12.3, -5, 0.04, 2.5, -0.5, 0.5, 0.25, 3, 1, 40, 1})) {
+        delays += step.is_delay ? 1 : 0;
+        EXPECT_EQ(step.is_delay, step.wait_ms == 3000);
+    }
+    EXPECT_EQ(delays, 1);
 }

@@ -1,7 +1,7 @@
 #include "rc/rc_block.h"
 
-#include "base/shared_memory.h"
-#include "base/text.h"
+#include "base/bytes.h"
+#include "base/shared_numbers.h"
 #include "rc/rc_block_layout.h"
 #include "rc/smoothing.h"
 
@@ -14,7 +14,7 @@
 
 using Bytes = std::vector<uint8_t>;
 
-// A block in ordinary memory whose bytes are all told apart from zero.
+// A block in ordinary memory in which every byte differs from zero.
 class RcBlock : public ::testing::Test {
 protected:
     RcBlock() {
@@ -26,7 +26,7 @@ protected:
     void load(int receiver, const char *text) {
         load_rc_channels(bytes_.data(), receiver, text);
     }
-    // The offsets of the bytes that differ from what they were.
+    // The offsets of the bytes that have changed.
     std::vector<size_t> changes() const {
         std::vector<size_t> found;
         for (size_t i = 0; i < bytes_.size(); ++i) {
@@ -153,7 +153,7 @@ TEST(RcBlockMissing, LoadingSaysSoAndTheChannelsAreEmpty) {
     EXPECT_EQ(rc_channels_json(nullptr, 1), "");
 }
 
-TEST(RcBlockMissing, CalibrationOnlySaysWhatItWouldDo) {
+TEST(RcBlockMissing, CalibrationOnlySaysWhatItWouldDoAndThatNothingIsSaved) {
     ASSERT_EQ(rc_block(), nullptr);
     ::testing::internal::CaptureStderr();
     for (const int state : {2, 3, 4, 0, 1, 5, -1}) {
@@ -165,10 +165,13 @@ TEST(RcBlockMissing, CalibrationOnlySaysWhatItWouldDo) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
               "Set RC1 state 2\nRC1 begin calibration min/max\n"
               "Set RC1 state 3\nRC1 finish calibration min/max\n"
+              "RC channels are not saved: the shared block is not there\n"
               "Set RC1 state 4\nRC1 calibration center\n"
+              "RC channels are not saved: the shared block is not there\n"
               "Set RC1 state 0\nSet RC1 state 1\nSet RC1 state 5\nSet RC1 state -1\n"
               "Set RC2 state 2\nRC2 begin calibration min/max\n"
-              "Set RC-2147483648 state 2\nRC-2147483648 begin calibration min/max\n");
+              "Set RC-2147483648 state 2\nRC-2147483648 begin calibration min/max\n"
+              "RC channels are not saved: the shared block is not there\n");
 }
 
 static void fill_channel(uint8_t *channel, uint16_t base) {
@@ -184,7 +187,7 @@ static void fill_channel(uint8_t *channel, uint16_t base) {
     store_whole(channel + channel_value_at, base % 2 == 0 ? 0.5 : -0.0626);
 }
 
-// A block whose channel with index i has fields that begin at 1000 + 31 * i.
+// A block in which the fields of channel index i start at the value 1000 + 31 * i.
 static Bytes numbered_block() {
     Bytes bytes(rc_block_size);
     for (int i = 0; i < rc_channel_count; ++i) {

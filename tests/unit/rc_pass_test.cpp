@@ -1,7 +1,6 @@
-#include "rc/rc_pass.h"
-
-#include "base/shared_memory.h"
-#include "base/text.h"
+#include "base/bytes.h"
+#include "base/shared_numbers.h"
+#include "rc_pass_fixture.h"
 
 #include <array>
 #include <atomic>
@@ -9,115 +8,9 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include <limits>
-#include <memory>
 #include <random>
 #include <string>
 #include <thread>
-#include <vector>
-
-using Bytes = std::vector<uint8_t>;
-
-static uint32_t test_time;
-
-static uint32_t test_clock() {
-    return test_time;
-}
-
-// The calibration and assignment of a test's channel.
-struct Assignment {
-    int function = function_pan;
-    int min = 1000;
-    int max = 2000;
-    int center = 1500;
-    int dead_band = 0;
-    int limit = 100;
-    bool is_inverted = false;
-};
-
-// A pass over a block in ordinary memory; both receivers were seen before.
-class RcPass : public ::testing::Test {
-protected:
-    RcPass() {
-        test_time = 1000000;
-        state_.present[0] = true;
-        state_.present[1] = true;
-        bytes_[0] = rc_present;
-        bytes_[1] = rc_present;
-    }
-    uint8_t *block() {
-        return bytes_.data();
-    }
-    uint8_t *channel(int index) {
-        return rc_channel(block(), index);
-    }
-    void assign(int index, const Assignment &assignment) {
-        put_u16(channel(index) + 2, static_cast<uint16_t>(assignment.min));
-        put_u16(channel(index) + 4, static_cast<uint16_t>(assignment.max));
-        put_u16(channel(index) + 6, static_cast<uint16_t>(assignment.center));
-        channel(index)[8] = assignment.is_inverted ? 1 : 0;
-        channel(index)[24] = static_cast<uint8_t>(assignment.function);
-        put_u16(channel(index) + 26, static_cast<uint16_t>(assignment.dead_band));
-        put_u16(channel(index) + 28, static_cast<uint16_t>(assignment.limit));
-    }
-    void set_raw(int index, int raw) {
-        put_u16(channel(index), static_cast<uint16_t>(raw));
-    }
-    void set_update_time(int receiver, uint32_t time) {
-        put_u32(block() + 4 + receiver * 4, time);
-    }
-    uint32_t update_time(int receiver) {
-        return get_u32(block() + 4 + receiver * 4);
-    }
-    double value(int index) {
-        return load_whole<double>(channel(index) + 16);
-    }
-    double published(int function) {
-        return load_whole<double>(block() + 1040 + function * 8);
-    }
-    unsigned published_raw(int function) {
-        return get_u16(block() + 1408 + function * 2);
-    }
-    // A pass while the readers go on writing.
-    RcEvents run() {
-        set_update_time(0, test_time);
-        set_update_time(1, test_time);
-        return run_as_is();
-    }
-    RcEvents run_as_is() {
-        return run_rc_pass(block(), *config_, test_clock, app_, state_);
-    }
-    // What a pass says on standard error.
-    std::string said_by_pass() {
-        ::testing::internal::CaptureStderr();
-        run_as_is();
-        return ::testing::internal::GetCapturedStderr();
-    }
-    // The events of a pass as text: menu codes, then '+' for start and '-' for stop.
-    std::string events() {
-        const RcEvents found = run();
-        std::string text;
-        for (size_t i = 0; i < found.menu_count; ++i) {
-            text += std::to_string(found.menu[i]);
-        }
-        for (size_t i = 0; i < found.record_count; ++i) {
-            text += found.record[i] == RecordCommand::start ? '+' : '-';
-        }
-        return text;
-    }
-    // Gives channel `index` a stick for `function` whose raw value is 1500 plus 500 times its way.
-    void add_stick(int index, int function) {
-        assign(index, {.function = function});
-        set_raw(index, 1500);
-    }
-    void move_stick(int index, double way) {
-        set_raw(index, 1500 + static_cast<int>(std::lround(way * 500)));
-    }
-
-    Bytes bytes_ = Bytes(rc_block_size);
-    std::unique_ptr<ConfigRecord> config_ = std::make_unique<ConfigRecord>();
-    GimbalValues app_{};
-    RcLoopState state_{};
-};
 
 // Receivers.
 
@@ -263,7 +156,7 @@ TEST_P(RcReceiver, CalibrationGoesOnWhileItIsThereAndEndsWhenItIsFound) {
 
 static uint8_t *racing_block;
 
-// A clock that goes on; right after it is read both readers update.
+// A clock that advances; right after it is read, both readers update.
 static uint32_t racing_clock() {
     const uint32_t now = test_time;
     put_u32(racing_block + 4, now + 1);
@@ -353,10 +246,10 @@ TEST_F(RcPass, OtherLimitsBecome100) {
 
 TEST_F(RcPass, TheLimitScalesBeforeTheClamp) {
     assign(0, {.function = 7, .limit = 50});
-    set_raw(0, 2250); // 1.5 times the way
+    set_raw(0, 2250); // 1.5 times full deflection
     run();
     EXPECT_DOUBLE_EQ(value(0), 0.75);
-    set_raw(0, 100); // 2.8 times the way
+    set_raw(0, 100); // 2.8 times full deflection
     run();
     EXPECT_EQ(value(0), -1.0);
 }
@@ -391,7 +284,7 @@ TEST_F(RcPass, AWayOfNoLengthGives0) {
 
 TEST_F(RcPass, AWayOfNegativeLengthTurnsTheValueRound) {
     assign(0, {.function = 7, .min = 1480, .max = 1520, .dead_band = 40});
-    set_raw(0, 1550); // 10 out of the dead band, on a way of -20
+    set_raw(0, 1550); // 10 beyond the dead band, and -20 from there to the end
     run();
     EXPECT_DOUBLE_EQ(value(0), -0.5);
     set_raw(0, 1450);
@@ -558,398 +451,9 @@ TEST_F(RcCalibration, OnlyTheReceiverThatIsCalibrating) {
     EXPECT_EQ(get_u16(channel(16) + 4), 2500);
 }
 
-// The menu.
-
-class RcMenu : public RcPass {
-protected:
-    RcMenu() {
-        add_stick(0, function_menu_switch);
-        add_stick(1, function_pan);
-        add_stick(2, function_tilt);
-        add_stick(3, function_roll);
-    }
-    // Presses the switch and lets the menu see it.
-    std::string toggle() {
-        move_stick(0, 1.0);
-        std::string found = events();
-        found += events();
-        move_stick(0, 0.0);
-        found += events();
-        return found + events();
-    }
-};
-
-TEST_F(RcMenu, TheSwitchIsSeenInThePassAfterItsValueIsPublished) {
-    move_stick(0, 1.0);
-    EXPECT_EQ(events(), "");
-    EXPECT_FALSE(state_.is_menu_enabled);
-    EXPECT_EQ(events(), "2");
-    EXPECT_TRUE(state_.is_menu_enabled);
-    EXPECT_EQ(events(), "");
-    move_stick(0, 0.0);
-    EXPECT_EQ(events() + events(), "");
-    move_stick(0, 0.002);
-    EXPECT_EQ(events(), "");
-    EXPECT_EQ(events(), "1") << "any value above 0 will do";
-    EXPECT_FALSE(state_.is_menu_enabled);
-}
-
-TEST_F(RcMenu, TheSwitchRisesFromTheOtherSideToo) {
-    move_stick(0, -1.0);
-    EXPECT_EQ(events() + events() + events(), "");
-    move_stick(0, 1.0);
-    EXPECT_EQ(events() + events() + events(), "2");
-    move_stick(0, -1.0);
-    EXPECT_EQ(events() + events(), "");
-    move_stick(0, 1.0);
-    EXPECT_EQ(events() + events(), "1");
-}
-
-TEST_F(RcMenu, WithoutTheMenuDirectionsAreNotTold) {
-    move_stick(1, 1.0);
-    move_stick(2, -1.0);
-    EXPECT_EQ(events() + events(), "");
-    EXPECT_EQ(published(2), 1.0);
-    EXPECT_EQ(published(3), -1.0);
-}
-
-TEST_F(RcMenu, EachDirectionIsToldOnce) {
-    EXPECT_EQ(toggle(), "2");
-    move_stick(1, 1.0);
-    EXPECT_EQ(events() + events() + events(), "4");
-    move_stick(1, 0.0);
-    EXPECT_EQ(events(), "");
-    move_stick(1, 1.0);
-    EXPECT_EQ(events(), "4") << "again, as it was at the centre";
-    move_stick(1, 0.0);
-    EXPECT_EQ(events(), "");
-    move_stick(1, -0.5);
-    EXPECT_EQ(events() + events(), "3");
-    move_stick(1, 0.5);
-    EXPECT_EQ(events() + events(), "4") << "straight across";
-    move_stick(2, 0.5);
-    EXPECT_EQ(events() + events(), "5");
-    move_stick(2, -0.5);
-    EXPECT_EQ(events() + events(), "6");
-    move_stick(1, 0.0);
-    move_stick(2, 0.0);
-    EXPECT_EQ(events() + events(), "");
-    move_stick(1, -1.0);
-    move_stick(2, 1.0);
-    EXPECT_EQ(events(), "35") << "horizontal first";
-    move_stick(1, 1.0);
-    move_stick(2, -1.0);
-    EXPECT_EQ(events(), "46");
-}
-
-TEST_F(RcMenu, DirectionsBeginBeyondTwoHundredths) {
-    for (const int index : {1, 2}) {
-        assign(index, {.function = index + 1, .min = 1500, .max = 61500, .center = 31500});
-        set_raw(index, 31500);
-    }
-    toggle();
-    for (const int index : {1, 2}) {
-        for (const int delta : {600, -600, 599, -599}) { // 30000 is all the way
-            set_raw(index, 31500 + delta);
-            EXPECT_EQ(events(), "") << delta;
-        }
-        set_raw(index, 31500 + 601);
-        EXPECT_EQ(events(), index == 1 ? "4" : "5");
-        set_raw(index, 31500 + 600);
-        EXPECT_EQ(events(), "");
-        set_raw(index, 31500 - 601);
-        EXPECT_EQ(events(), index == 1 ? "3" : "6");
-        set_raw(index, 31500);
-        events();
-    }
-}
-
-TEST_F(RcMenu, ASumBeyondTheEndIsADirectionToo) {
-    add_stick(4, function_pan);
-    toggle();
-    move_stick(1, 1.0);
-    move_stick(4, -1.0);
-    EXPECT_EQ(events(), "") << "the sum counts";
-    move_stick(4, 1.0);
-    EXPECT_EQ(events(), "4");
-}
-
-TEST_F(RcMenu, OpeningComesBeforeTheDirectionsOfTheSamePass) {
-    move_stick(0, 1.0);
-    move_stick(1, 1.0);
-    move_stick(2, 1.0);
-    EXPECT_EQ(events(), "");
-    EXPECT_EQ(events(), "245");
-}
-
-TEST_F(RcMenu, ClosingAndOpeningForgetsTheDirections) {
-    toggle();
-    move_stick(1, 1.0);
-    move_stick(2, -1.0);
-    EXPECT_EQ(events(), "46");
-    EXPECT_EQ(toggle(), "1");
-    EXPECT_EQ(state_.horizontal, 0);
-    EXPECT_EQ(state_.vertical, 0);
-    EXPECT_EQ(toggle(), "246");
-}
-
-TEST_F(RcMenu, TheGimbalHoldsStillButForTheApplication) {
-    toggle();
-    move_stick(1, 1.0);
-    move_stick(2, -1.0);
-    move_stick(3, 0.5);
-    app_ = {0.25, 0.125, 0.0};
-    events();
-    EXPECT_EQ(state_.rc.pan, 0.0);
-    EXPECT_EQ(state_.rc.tilt, 0.0);
-    EXPECT_EQ(state_.rc.roll, 0.5) << "roll is no direction";
-    EXPECT_EQ(published(2), 0.25);
-    EXPECT_EQ(published(3), 0.125);
-    EXPECT_EQ(published(4), 0.5);
-    toggle();
-    EXPECT_EQ(published(2), 1.0);
-    EXPECT_EQ(published(3), -0.875);
-}
-
-// Smoothing.
-
-class RcSmoothing : public RcPass {
-protected:
-    RcSmoothing() {
-        add_stick(0, function_pan);
-        add_stick(1, function_tilt);
-        add_stick(2, function_roll);
-        add_stick(3, function_smoothing_off);
-    }
-};
-
-TEST_F(RcSmoothing, WithoutASettingItFollowsAtOnce) {
-    move_stick(0, 0.5);
-    move_stick(1, -1.0);
-    move_stick(2, 1.0);
-    app_ = {-0.25, 1.0, 0.5};
-    run();
-    EXPECT_EQ(state_.rc.pan, 0.5);
-    EXPECT_EQ(state_.rc.tilt, -1.0);
-    EXPECT_EQ(state_.rc.roll, 1.0);
-    EXPECT_EQ(state_.app.pan, -0.25);
-    EXPECT_EQ(state_.app.tilt, 1.0);
-    EXPECT_EQ(state_.app.roll, 0.5);
-    EXPECT_EQ(state_.total.pan, 0.25);
-    EXPECT_EQ(state_.total.tilt, 0.0);
-    EXPECT_EQ(state_.total.roll, 1.5) << "totals are not clamped";
-    EXPECT_EQ(published(2), 0.25);
-    EXPECT_EQ(published(3), 0.0);
-    EXPECT_EQ(published(4), 1.0) << "published values are";
-}
-
-TEST_F(RcSmoothing, EachAxisHasItsOwnStep) {
-    config_->rc_pan_smooth = 1;
-    config_->rc_tilt_smooth = 2;
-    config_->rc_roll_smooth = 5;
-    config_->app_pan_smooth = 10;
-    config_->app_tilt_smooth = 20;
-    config_->app_roll_smooth = 50;
-    for (const int index : {0, 1, 2}) {
-        move_stick(index, 1.0);
-    }
-    app_ = {-1.0, -1.0, -1.0};
-    run();
-    EXPECT_DOUBLE_EQ(state_.rc.pan, 0.01);
-    EXPECT_DOUBLE_EQ(state_.rc.tilt, 0.005);
-    EXPECT_DOUBLE_EQ(state_.rc.roll, 0.002);
-    EXPECT_DOUBLE_EQ(state_.app.pan, -0.001);
-    EXPECT_DOUBLE_EQ(state_.app.tilt, -0.0005);
-    EXPECT_DOUBLE_EQ(state_.app.roll, -0.0002);
-    EXPECT_DOUBLE_EQ(state_.total.pan, 0.009);
-    EXPECT_DOUBLE_EQ(published(3), 0.0045);
-    EXPECT_DOUBLE_EQ(published(4), 0.0018);
-}
-
-TEST_F(RcSmoothing, ASettingOf10Takes1000PassesAndEndsAtTheTarget) {
-    config_->rc_pan_smooth = 10;
-    move_stick(0, 1.0);
-    for (int i = 0; i < 999; ++i) {
-        run();
-    }
-    EXPECT_NEAR(state_.rc.pan, 0.999, 1e-9);
-    EXPECT_LT(state_.rc.pan, 1.0);
-    run();
-    run();
-    EXPECT_EQ(state_.rc.pan, 1.0);
-    run();
-    EXPECT_EQ(state_.rc.pan, 1.0);
-    move_stick(0, -1.0);
-    run();
-    EXPECT_DOUBLE_EQ(state_.rc.pan, 0.999);
-}
-
-TEST_F(RcSmoothing, ATargetIsNeverPassed) {
-    config_->rc_pan_smooth = 1;
-    config_->app_pan_smooth = 1;
-    move_stick(0, 0.004);
-    app_.pan = -0.0125;
-    run();
-    EXPECT_DOUBLE_EQ(state_.rc.pan, 0.004);
-    EXPECT_DOUBLE_EQ(state_.app.pan, -0.01);
-    run();
-    EXPECT_DOUBLE_EQ(state_.rc.pan, 0.004);
-    EXPECT_EQ(state_.app.pan, -0.0125);
-}
-
-TEST_F(RcSmoothing, SmoothedValuesAreNotClamped) {
-    add_stick(4, function_pan);
-    move_stick(0, 1.0);
-    move_stick(4, 1.0);
-    app_.pan = 3.0;
-    run();
-    EXPECT_EQ(state_.rc.pan, 1.0) << "the step is 1";
-    EXPECT_EQ(state_.app.pan, 1.0);
-    run();
-    run();
-    EXPECT_EQ(state_.rc.pan, 2.0);
-    EXPECT_EQ(state_.app.pan, 3.0);
-    EXPECT_EQ(state_.total.pan, 5.0);
-    EXPECT_EQ(published(2), 1.0);
-    move_stick(0, -1.0);
-    move_stick(4, -1.0);
-    run();
-    EXPECT_EQ(state_.rc.pan, 1.0) << "back from 2, not from 1";
-}
-
-TEST_F(RcSmoothing, NegativeSettingsDoNotSmooth) {
-    for (const int setting : {-1, -10, std::numeric_limits<int>::min()}) {
-        state_.rc = {};
-        state_.app = {};
-        config_->rc_pan_smooth = setting;
-        config_->rc_tilt_smooth = setting;
-        config_->rc_roll_smooth = setting;
-        config_->app_pan_smooth = setting;
-        move_stick(0, 1.0);
-        move_stick(1, -1.0);
-        move_stick(2, 0.5);
-        app_.pan = -0.5;
-        run();
-        EXPECT_EQ(state_.rc.pan, 1.0);
-        EXPECT_EQ(state_.rc.tilt, -1.0);
-        EXPECT_EQ(state_.rc.roll, 0.5);
-        EXPECT_EQ(state_.app.pan, -0.5);
-    }
-}
-
-TEST_F(RcSmoothing, Function5SwitchesItOffForTheSticksOnly) {
-    config_->rc_pan_smooth = 10;
-    config_->rc_tilt_smooth = 10;
-    config_->rc_roll_smooth = 10;
-    config_->app_pan_smooth = 10;
-    app_.pan = 1.0;
-    for (const int index : {0, 1, 2}) {
-        move_stick(index, 1.0);
-    }
-    move_stick(3, -1.0);
-    run();
-    EXPECT_DOUBLE_EQ(state_.rc.pan, 0.001);
-    move_stick(3, 0.002);
-    run();
-    EXPECT_EQ(state_.rc.pan, 1.0) << "seen in the same pass";
-    EXPECT_EQ(state_.rc.tilt, 1.0);
-    EXPECT_EQ(state_.rc.roll, 1.0);
-    EXPECT_DOUBLE_EQ(state_.app.pan, 0.002);
-    move_stick(3, 0.0);
-    move_stick(0, 0.0);
-    run();
-    EXPECT_DOUBLE_EQ(state_.rc.pan, 0.999);
-}
-
-// Recording.
-
-class RcRecording : public RcPass {
-protected:
-    RcRecording() {
-        add_stick(0, function_record_switch);
-        add_stick(1, function_record_toggle);
-    }
-};
-
-TEST_F(RcRecording, TheSwitchStartsOffItsCentreAndStopsThere) {
-    EXPECT_EQ(events(), "");
-    for (const double way : {1.0, -1.0, 0.002, -0.002}) {
-        move_stick(0, way);
-        EXPECT_EQ(events(), "+") << way;
-        EXPECT_EQ(events(), "");
-        move_stick(0, 0.0);
-        EXPECT_EQ(events(), "-") << way;
-        EXPECT_EQ(events(), "");
-    }
-}
-
-TEST_F(RcRecording, AChangeOfSideStartsAgain) {
-    move_stick(0, 1.0);
-    EXPECT_EQ(events(), "+");
-    move_stick(0, 0.5);
-    EXPECT_EQ(events(), "");
-    move_stick(0, -1.0);
-    EXPECT_EQ(events(), "+");
-    move_stick(0, 1.0);
-    EXPECT_EQ(events(), "+");
-    move_stick(0, 0.0);
-    EXPECT_EQ(events(), "-");
-}
-
-TEST_F(RcRecording, EachNewDeflectionToggles) {
-    EXPECT_EQ(events(), "");
-    for (const char *expected : {"+", "-", "+", "-"}) {
-        move_stick(1, 1.0);
-        EXPECT_EQ(events(), expected);
-        EXPECT_EQ(events(), "");
-        move_stick(1, 0.0);
-        EXPECT_EQ(events(), "");
-    }
-    move_stick(1, -0.5);
-    EXPECT_EQ(events(), "+");
-    move_stick(1, 0.5);
-    EXPECT_EQ(events(), "-") << "the other side is new";
-    move_stick(1, -0.5);
-    EXPECT_EQ(events(), "+");
-}
-
-TEST_F(RcRecording, TheSwitchComesBeforeTheToggle) {
-    move_stick(1, 1.0);
-    EXPECT_EQ(events(), "+");
-    move_stick(1, 0.0);
-    EXPECT_EQ(events(), "");
-    move_stick(0, 1.0);
-    move_stick(1, 1.0);
-    EXPECT_EQ(events(), "+-");
-    move_stick(0, 0.0);
-    move_stick(1, -1.0);
-    EXPECT_EQ(events(), "-+");
-}
-
-TEST_F(RcRecording, ALostReceiverStops) {
-    move_stick(0, 1.0);
-    EXPECT_EQ(events(), "+");
-    set_update_time(0, 0);
-    const RcEvents found = run_as_is();
-    ASSERT_EQ(found.record_count, 1U);
-    EXPECT_EQ(found.record[0], RecordCommand::stop);
-}
-
-TEST_F(RcRecording, MenuAndRecordingInOnePass) {
-    add_stick(2, function_menu_switch);
-    add_stick(3, function_pan);
-    add_stick(4, function_tilt);
-    move_stick(2, 1.0);
-    EXPECT_EQ(events(), "");
-    for (const int index : {0, 1, 3, 4}) {
-        move_stick(index, -1.0);
-    }
-    EXPECT_EQ(events(), "236++");
-}
-
 // Any inputs.
 
-// A channel's value by the description of the block, in the least clever way.
+// A channel's value, computed in the simplest way from the block's description.
 static double model_value(int raw, const Assignment &a) {
     double value = 0;
     if (raw < a.center - a.dead_band) {
@@ -1033,12 +537,12 @@ TEST_F(RcPass, NothingEverBecomesNotANumber) {
                 byte = static_cast<uint8_t>(random());
             }
             break;
-        case 1: // a published value, a channel's value: no number at all
+        case 1: // a published value or a channel's value: not a number
             store_whole(block() + 1040 + random() % 46 * 8, std::nan(""));
             store_whole(channel(static_cast<int>(random() % 32)) + 16,
                         std::numeric_limits<double>::infinity());
             break;
-        default: // known functions, so that they meet
+        default: // known functions, so that channels share them
             for (int i = 0; i < 32; ++i) {
                 channel(i)[24] = static_cast<uint8_t>(random() % 10);
                 set_raw(i, static_cast<int>(random() % 65536));
@@ -1063,9 +567,10 @@ TEST_F(RcPass, NothingEverBecomesNotANumber) {
     ::testing::internal::GetCapturedStderr();
 }
 
-// The block belongs to several processes. Here a thread is the reader process, whose numbers have
-// both bytes changed each time, and a program that looks at what is published. Halves are rarely
-// caught in the act; the thread sanitizer sees every access that could make one.
+// Several processes share the block. Here a thread acts as the reader process, which changes both
+// bytes of its numbers each time, and as a program that reads what is published. Half-written
+// numbers are rarely observed, but the thread sanitizer reports every access that could produce
+// one.
 TEST_F(RcPass, NumbersOfTheBlockAreReadAndWrittenWhole) {
     constexpr uint16_t first = 0x01FE;
     constexpr uint16_t second = 0xFE01;

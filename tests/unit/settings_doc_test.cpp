@@ -1,7 +1,8 @@
 // docs/settings.md describes every key of the table, in its order, with its kind.
 #include "config/config_keys.h"
 
-#include <fstream>
+#include "settings_document.h"
+
 #include <gtest/gtest.h>
 #include <string>
 #include <vector>
@@ -22,13 +23,7 @@ static std::string kind_text(const ConfigKey &row) {
 }
 
 TEST(SettingsDocument, HasALineForEveryKeyInTheOrderOfTheFile) {
-    std::ifstream document(DOCS_FOLDER "/settings.md");
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(document, line);) {
-        if (line.rfind("| `", 0) == 0 && line.find("| `app_type` | Camera") != 0) {
-            lines.push_back(line);
-        }
-    }
+    const std::vector<std::string> lines = lines_of_the_keys();
     ASSERT_EQ(lines.size(), config_key_count);
     for (size_t i = 0; i < config_key_count; ++i) {
         const std::string head =

@@ -1,4 +1,5 @@
 #include "base/shared_memory.h"
+#include "base/shared_numbers.h"
 
 #include <algorithm>
 #include <atomic>
@@ -13,7 +14,7 @@
 #include <unistd.h>
 #include <vector>
 
-// Numbers of shared memory have no lock: who looks must find the old one or the new one.
+// Numbers in shared memory have no lock: a reader must see either the old or the new one.
 struct Shared {
     alignas(8) uint8_t bytes[16];
 };
@@ -50,7 +51,7 @@ TEST(SharedNumbers, NobodySeesHalfOfOne) {
     EXPECT_EQ(halves, 0);
 }
 
-// An object of this process's own, which is removed at the end. Mappings are not: they live on.
+// An object of this process, removed at the end of the test. Its mappings stay.
 class SharedObject : public ::testing::Test {
 protected:
     SharedObject()
@@ -60,9 +61,9 @@ protected:
         shm_unlink(name_.c_str());
     }
     uint8_t *map(size_t size, uint8_t *at = nullptr) {
-        return map_shared_memory(name_.c_str(), size, at);
+        return map_shared_memory(whole_object(name_.c_str(), size), at);
     }
-    // What another program does to it; `flags` O_TRUNC or 0, then its length.
+    // What another program does to it: opens it with `flags` (O_TRUNC or 0), then sets its length.
     void cut(int flags, off_t length) {
         const int fd = shm_open(name_.c_str(), O_RDWR | flags, 0);
         ASSERT_GE(fd, 0);
@@ -78,14 +79,14 @@ protected:
     }
     std::string line() const {
         return "Shared memory " + name_ +
-               " was cut short by another program, and is made whole with zeros\n";
+               " was truncated by another program; restored, filled with zeros\n";
     }
 
     static inline int number_;
     std::string name_;
 };
 
-constexpr size_t object_size = 3 * 65536 + 6; // pages of any kernel, and a bit of one
+constexpr size_t object_size = 3 * 65536 + 6; // whole pages of any size, and part of one
 
 TEST_F(SharedObject, CutShortItReadsAsZerosAndHasItsSizeAgain) {
     uint8_t *bytes = map(object_size);
@@ -161,7 +162,7 @@ TEST_F(SharedObject, AnObjectThatWasOpenedAnewAtItsPlaceIsTheOneMadeWhole) {
     ASSERT_EQ(map(object_size, bytes), bytes);
     std::fill_n(bytes, object_size, uint8_t{7});
     cut(O_TRUNC, 0);
-    // A handler that mends the wrong object would be called for ever.
+    // A handler that restores the wrong object would be called forever.
     alarm(60);
     EXPECT_EQ(load_whole<uint8_t>(bytes), 0);
     alarm(0);
@@ -180,16 +181,79 @@ TEST_F(SharedObjectDeathTest, ABusErrorElsewhereEndsTheProcess) {
     EXPECT_DEATH(raise(SIGBUS), "");
 }
 
-static void read_with_a_limit(const uint8_t *bytes) {
-    signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit{6, 6}; // bytes of a file
-    setrlimit(RLIMIT_FSIZE, &limit);
-    load_whole<uint8_t>(bytes);
+// While it exists, no file of the process can grow beyond 6 bytes.
+struct FileSizeLimit {
+    FileSizeLimit() {
+        signal(SIGXFSZ, SIG_IGN);
+        getrlimit(RLIMIT_FSIZE, &before);
+        const rlimit limit{6, before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        setrlimit(RLIMIT_FSIZE, &before);
+    }
+    rlimit before{};
+};
+
+TEST_F(SharedObject, ThatCannotGrowIsDetachedUntilItCan) {
+    uint8_t *bytes = map(object_size);
+    ASSERT_NE(bytes, nullptr);
+    std::fill_n(bytes, object_size, uint8_t{7});
+    cut(O_TRUNC, 0);
+    ::testing::internal::CaptureStderr();
+    {
+        const FileSizeLimit limit;
+        EXPECT_EQ(load_whole<uint8_t>(bytes), 0);
+        store_whole<uint8_t>(bytes + object_size - 1, 9);
+        map_detached_memory();
+        EXPECT_EQ(load_whole<uint8_t>(bytes + object_size - 1), 9);
+        EXPECT_EQ(shared_memory_restorations(bytes), 0u);
+    }
+    EXPECT_EQ(size(), 0);
+    map_detached_memory();
+    // The limit is for standard error's file, too.
+    const std::string said = ::testing::internal::GetCapturedStderr();
+    EXPECT_NE(said.find("Shared memory " + name_ + ": mapped now\n"), std::string::npos) << said;
+    EXPECT_EQ(size(), static_cast<off_t>(object_size));
+    EXPECT_EQ(shared_memory_restorations(bytes), 1u);
+    EXPECT_EQ(load_whole<uint8_t>(bytes + object_size - 1), 0);
+    // Other mappings of the object see what is written from now on.
+    store_whole<uint8_t>(bytes, 5);
+    const int fd = shm_open(name_.c_str(), O_RDONLY, 0);
+    uint8_t seen = 0;
+    EXPECT_EQ(pread(fd, &seen, 1, 0), 1);
+    EXPECT_EQ(seen, 5);
+    close(fd);
 }
 
-TEST_F(SharedObjectDeathTest, AnObjectThatCannotGrowEndsTheProcess) {
-    const uint8_t *bytes = map(object_size);
+// While some threads use it, it is truncated and mapped again.
+TEST_F(SharedObject, IsDetachedUnderManyThreads) {
+    uint8_t *bytes = map(object_size);
     ASSERT_NE(bytes, nullptr);
-    cut(O_TRUNC, 0);
-    EXPECT_DEATH(read_with_a_limit(bytes), "");
+    std::atomic<bool> done;
+    std::vector<std::thread> users;
+    users.reserve(3);
+    for (int i = 0; i < 3; ++i) {
+        users.emplace_back([&] {
+            for (size_t at = 0; !done; at = (at + 4097) % object_size) {
+                store_whole<uint8_t>(bytes + at, 1);
+            }
+        });
+    }
+    ::testing::internal::CaptureStderr();
+    for (int i = 0; i < 200; ++i) {
+        {
+            const FileSizeLimit limit;
+            cut(O_TRUNC, 0);
+            std::this_thread::yield();
+        }
+        map_detached_memory();
+    }
+    done = true;
+    for (std::thread &user : users) {
+        user.join();
+    }
+    map_detached_memory();
+    EXPECT_NE(::testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(size(), static_cast<off_t>(object_size));
 }

@@ -1,17 +1,18 @@
 #include "beacon_sim/access_units.h"
 #include "source/ring_writer.h"
 
-#include "base/text.h"
+#include "base/bytes.h"
 #include "media/frame_ring.h"
 #include "media/frame_ring_layout.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
 
 constexpr uint32_t capacity = 100;
 
-// A small ring in ordinary memory, with the daemon's own reader at its other side.
+// A small ring in ordinary memory, with the daemon's own reader at the other end.
 class RingWriterTest : public ::testing::Test {
 protected:
     uint8_t *slot(unsigned index) {
@@ -68,7 +69,7 @@ TEST_F(RingWriterTest, GoesBehindWhatAnEarlierProducerLeft) {
 }
 
 TEST_F(RingWriterTest, GoesOnWithTheIdentifiersOfAnEarlierProducer) {
-    // With one of its own the daemon would take the second frame for the first one again.
+    // With its own identifier the daemon would take the second frame for a duplicate of the first.
     for (const char *text : {"one", "two", "three"}) {
         RingWriter ring = begin();
         publish(ring, text);
@@ -184,4 +185,30 @@ TEST(AccessUnits, WithoutStartCodesDoNotFillTheMemory) {
         EXPECT_LE(splitter.buffer.size(), longest_access_unit);
     }
     EXPECT_EQ(units.size(), 2U);
+}
+
+TEST_F(RingWriterTest, IsInStepWhateverTheDaemonHasTaken) {
+    set_read_index(198);
+    RingWriter ring = begin();
+    EXPECT_FALSE(ring_is_out_of_step(ring));
+    for (const char *text : {"one", "two", "three"}) {
+        publish(ring, text);
+    }
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_FALSE(ring_is_out_of_step(ring));
+        take();
+    }
+    EXPECT_FALSE(ring_is_out_of_step(ring));
+}
+
+TEST_F(RingWriterTest, IsOutOfStepWhenTheContentsAreLost) {
+    set_read_index(7);
+    RingWriter ring = begin();
+    publish(ring, "one");
+    std::fill(bytes_.begin(), bytes_.end(), uint8_t{0});
+    EXPECT_TRUE(ring_is_out_of_step(ring));
+    ring = begin();
+    EXPECT_FALSE(ring_is_out_of_step(ring));
+    publish(ring, "two");
+    EXPECT_EQ(take(), "two");
 }

@@ -1,19 +1,17 @@
-// The server, a client of it, and the relay before both.
+// The server with a client.
 #include "net/tcp_server.h"
 
+#include "base/bytes.h"
 #include "base/clock.h"
 #include "base/ipv4.h"
-#include "base/text.h"
-#include "net/relay.h"
+#include "net/tcp_stream.h"
 #include "thread_watch.h"
 
 #include <algorithm>
-#include <atomic>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <string>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 constexpr int descriptors = 256; // more than a test has
@@ -44,7 +42,7 @@ class TcpServer : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
         if (server_thread != 0) {
-            return; // the tests are repeated; a server is started once
+            return; // tests may be repeated, but a server is started only once
         }
         ASSERT_EQ(init_tcp_server(0), 0);
         ASSERT_TRUE(wait_for([] { return thread_named("tcp-accept") != 0; }));
@@ -55,7 +53,7 @@ protected:
     TcpServer() : client_(socket(AF_INET, SOCK_STREAM, 0)) {}
     ~TcpServer() override {
         close(client_);
-        // The server's last words must not fall into the next test.
+        // The server's last line must not appear in the next test.
         wait_for([&] { return accepted_ < 0 || name_of(accepted_, getpeername).sin_port == 0; });
         wait_for([] { return is_asleep(server_thread); });
     }
@@ -97,7 +95,7 @@ TEST_F(TcpServer, AcceptsWhenSignalsInterrupt) {
         ASSERT_TRUE(interrupt(server_thread));
     }
     connect_client();
-    tcp_send_block(bytes("block"), 5);
+    tcp_send_frame(bytes("block"), 5);
     EXPECT_EQ(receive(), "block");
 }
 
@@ -106,87 +104,40 @@ TEST_F(TcpServer, KeepsItsClientWhenSignalsInterrupt) {
     for (int i = 0; i < 10; ++i) {
         ASSERT_TRUE(interrupt(server_thread));
     }
-    // The thread sleeps again: it has seen the last one.
+    // The thread sleeps again, so it has seen the last one.
     ASSERT_TRUE(wait_for([] { return is_asleep(server_thread); }));
     EXPECT_TRUE(tcp_client_connected());
-    tcp_send_block(bytes("block"), 5);
+    tcp_send_frame(bytes("block"), 5);
     EXPECT_EQ(receive(), "block");
 }
 
-static void *end_at_once(void * /*unused*/) {
-    return nullptr;
-}
-
-// A viewer of the same video over UDP.
-class Viewer {
-public:
-    Viewer() : socket_(socket(AF_INET, SOCK_DGRAM, 0)) {
-        const sockaddr_in any = socket_address(ipv4_port("127.0.0.1", 0));
-        EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr *>(&any), sizeof any), 0);
-        place_ = from_socket_address(name_of(socket_, getsockname));
-        register_client(relay_clients(), place_, false, now_ms());
-    }
-    ~Viewer() {
-        remove_client(relay_clients(), place_);
-        close(socket_);
-    }
-    Viewer(const Viewer &) = delete;
-    Viewer &operator=(const Viewer &) = delete;
-
-    // The number of the last block that has come up to now.
-    uint32_t last_block() {
-        uint8_t packet[relay_header_size + relay_video_block_size];
-        while (recv(socket_, packet, sizeof packet, MSG_DONTWAIT) > 0) {
-            last_ = get_u32(packet + relay_header_size);
-        }
-        return last_;
-    }
-
-private:
-    int socket_;
-    Ipv4Port place_ = 0;
-    uint32_t last_ = 0;
-};
-
-// Relays numbered blocks as long as there is a TCP client.
-struct Video {
-    void run() {
-        uint8_t block[relay_video_block_size] = {};
-        thread = gettid();
-        while (tcp_client_connected()) {
-            put_u32(block, ++current);
-            const uint32_t start = now_ms();
-            relay_video(block, sizeof block, relay_video_block_size);
-            last_took_ms = now_ms() - start;
-        }
-    }
-    std::atomic<int> thread{0};
-    std::atomic<uint32_t> current{0}; // the number of the block that is under way
-    std::atomic<uint32_t> last_took_ms{0};
-};
-
-static UdpEndpoint relay_socket;
-
-TEST_F(TcpServer, AStalledClientIsServedBeforeAllOthersAndLetGoWhenItStopsSending) {
-    ASSERT_EQ(udp_endpoint_open(relay_socket, 0, end_at_once), 0);
-    relay_open(relay_socket);
+// A stalled client costs the thread that queues frames nothing.
+TEST_F(TcpServer, AStalledClientHoldsNobodyUpAndIsLetGoWhenItStopsSending) {
     const int small = 4096;
     setsockopt(client_, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
     connect_client();
-    Viewer viewer;
-    Video video;
-    std::thread relaying([&] { video.run(); });
-    // The connection is full when a block is still under way, and asleep, a while later.
-    uint32_t held = 0;
-    EXPECT_TRUE(wait_for([&] {
-        viewer.last_block();
-        held = video.current;
-        poll(nullptr, 0, 20);
-        return is_asleep(video.thread) && video.current == held;
-    }));
-    EXPECT_LT(viewer.last_block(), held) << "came before the TCP client had it";
+    const int sender = thread_named("tcp-send");
+    const std::string frame(100000, 'x');
+    uint32_t slowest_ms = 0;
+    // The connection and the queue are full when the sender sleeps with frames left to send.
+    for (int i = 0; i < 200; ++i) {
+        const uint32_t start = now_ms();
+        tcp_send_frame(bytes(frame), frame.size());
+        slowest_ms = std::max(slowest_ms, now_ms() - start);
+    }
+    EXPECT_LT(slowest_ms, 1500U);
+    EXPECT_TRUE(wait_for([&] { return is_asleep(sender); }));
+    const uint32_t start = now_ms();
     shutdown(client_, SHUT_WR);
-    relaying.join();
-    EXPECT_LT(video.last_took_ms, 1900U) << "the wait was not ended";
-    EXPECT_TRUE(wait_for([&] { return viewer.last_block() == video.current; }));
+    EXPECT_TRUE(wait_for([] { return !tcp_client_connected(); }));
+    EXPECT_LT(now_ms() - start, 1900U) << "the wait was not ended";
+}
+
+TEST(TcpStream, AClientThatDoesNotAnswerHasVanished) {
+    EXPECT_FALSE(tcp_client_vanished(0, 0, 0));
+    EXPECT_FALSE(tcp_client_vanished(0, 0, 1000000)) << "nothing to answer";
+    EXPECT_FALSE(tcp_client_vanished(0, 1, 60000)) << "its answer may be on the way";
+    EXPECT_FALSE(tcp_client_vanished(5, 0, 19999));
+    EXPECT_TRUE(tcp_client_vanished(5, 0, 20000));
+    EXPECT_TRUE(tcp_client_vanished(0, 2, 20000));
 }

@@ -1,3 +1,4 @@
+#include "base/bytes.h"
 #include "base/text.h"
 
 #include "base/ipv4.h"
@@ -125,9 +126,9 @@ TEST(ShellWord, LosesOnePairOfDoubleQuotesAroundAPlainValue) {
     EXPECT_EQ(argument_of(shell_word("\"\"a\"\"")), "\"\"a\"\"|");
 }
 
-#ifndef __SANITIZE_THREAD__ // it would rightly say that the text changes while it is read
+#ifndef __SANITIZE_THREAD__ // it would rightly report that the text changes while it is read
 TEST(ShellWord, IsInertWhileItsValueChanges) {
-    // So long that its first character changes between two looks at the whole.
+    // So long that its first character changes while the rest is being read.
     std::string value(20000, 'a');
     std::atomic<bool> is_done = false;
     std::thread writer([&] {

@@ -39,7 +39,7 @@ int thread_named(const char *name) {
     DIR *threads = opendir("/proc/self/task");
     int found = 0;
     while (const dirent *entry = readdir(threads)) { // NOLINT(concurrency-mt-unsafe)
-        const int thread = std::atoi(entry->d_name); // NOLINT: of digits only
+        const int thread = std::atoi(entry->d_name); // NOLINT: digits only
         std::string line;
         std::ifstream file(task_file(thread, "comm"));
         if (std::getline(file, line) && line == name) {

@@ -2,17 +2,17 @@
 
 #include <functional>
 
-// For tests with threads of their own: waiting by looking, and signals that end a wait.
+// For tests with threads: polling for a condition, and signals that interrupt a wait.
 
-// Looks until `condition` holds, for 20 seconds at most. Did it?
+// Polls until `condition` holds, for at most 20 seconds. Returns whether it does.
 bool wait_for(const std::function<bool()> &condition);
 
 // The thread of this process with that name, 0 when there is none.
 int thread_named(const char *name);
 
-// Does the thread sleep in the kernel?
+// Is the thread asleep in the kernel?
 bool is_asleep(int thread);
 
-// Waits until the thread sleeps, and ends its system call by a signal whose handler does nothing.
-// False when that did not come about in 20 seconds.
+// Waits until the thread sleeps and interrupts its system call with a signal whose handler does
+// nothing. Returns false when that has not happened within 20 seconds.
 bool interrupt(int thread);

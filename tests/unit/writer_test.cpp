@@ -48,11 +48,11 @@ TEST(ConfigFile, NineteenCommentLinesEndInABlank) {
     EXPECT_EQ(count, 19);
 }
 
-// Text that a file can carry: no line ends, no blanks at its ends, no " ;" inside, and nothing
-// that the parser would take for the start of another thing.
+// Text that survives in a file: no line ends, no blanks at its ends, no " ;" inside, and nothing
+// that the parser would interpret.
 static std::string random_text(std::mt19937 &random, size_t limit) {
     std::uniform_int_distribution<size_t> lengths(0, limit);
-    // Small lengths and the largest one come often.
+    // Small lengths and the maximum are frequent.
     const size_t kinds[] = {lengths(random), lengths(random) % 8, limit, 0};
     const size_t length = kinds[random() % 4];
     std::string text;
@@ -70,7 +70,7 @@ static std::string random_text(std::mt19937 &random, size_t limit) {
     return text;
 }
 
-// What reading back makes of a text that was written in quotes, unquoted or bare.
+// A text as read back after it was written in quotes, unquoted or bare.
 static std::string reloaded(std::string text, const ConfigKey &row) {
     if (row.quotes_written) {
         text = "\"" + text + "\"";
@@ -89,7 +89,7 @@ TEST(ConfigFile, SavingAndLoadingKeepsEveryKey) {
         std::vector<std::string> texts;
         std::vector<int32_t> numbers;
         for (const ConfigKey &row : config_keys) {
-            // A channel map and its key must fit the longest line.
+            // A channel map and its key must fit in the longest line.
             const size_t limit = std::min<size_t>(row.text_size, 9980) - 1;
             const std::string text =
                 row.kind == SettingKind::text ? random_text(random, limit) : "";

@@ -10,12 +10,12 @@ static bool is_slice(unsigned kind) {
     return kind == 1 || kind == 2 || kind == 5;
 }
 
-// Units that stand before the first slice of a picture: SEI, SPS, PPS, delimiter, and their kin.
+// Units that come before the first slice of a picture: SEI, SPS, PPS, delimiter, and similar ones.
 static bool is_opener(unsigned kind) {
     return (kind >= 6 && kind <= 9) || (kind >= 14 && kind <= 18);
 }
 
-// Where the next start code lies whose unit can be told already, or `nothing`.
+// The position of the next start code whose unit type is known already, or `nothing`.
 static size_t next_start_code(AccessUnitSplitter &splitter) {
     static constexpr uint8_t start_code[start_code_size] = {0, 0, 1};
     const std::vector<uint8_t> &buffer = splitter.buffer;
@@ -28,7 +28,7 @@ static size_t next_start_code(AccessUnitSplitter &splitter) {
         splitter.scan = std::max(splitter.scan, tail);
         return nothing;
     }
-    // The unit's type and one byte of its contents stand behind the start code.
+    // The unit's type and one byte of its contents follow the start code.
     if (at + start_code_size + 2 > buffer.size()) {
         splitter.scan = at;
         return nothing;
@@ -40,7 +40,7 @@ static size_t next_start_code(AccessUnitSplitter &splitter) {
 static size_t cut(const AccessUnitSplitter &splitter, size_t begin, size_t at,
                   std::vector<AccessUnit> &units) {
     const std::vector<uint8_t> &buffer = splitter.buffer;
-    // The zero byte of a four-byte start code goes with the unit that it starts.
+    // The zero byte of a four-byte start code belongs to the unit that it starts.
     const size_t end = buffer[at - 1] == 0 ? at - 1 : at;
     units.emplace_back(buffer.begin() + static_cast<std::ptrdiff_t>(begin),
                        buffer.begin() + static_cast<std::ptrdiff_t>(end));

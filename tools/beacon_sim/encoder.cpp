@@ -2,6 +2,7 @@
 
 #include "source/audio_format.h"
 #include "source/complain.h"
+#include "source/spawn.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -9,7 +10,6 @@
 #include <cstring>
 #include <fcntl.h>
 #include <initializer_list>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,7 +29,7 @@ static std::string clock_filter() {
                     "x=(w-text_w)/2:y=h-h/6:text='%{localtime\\:%T}  frame %{n}'";
 }
 
-// The file's picture in the middle of the size that was asked for.
+// The file's picture, centred in the requested size.
 static std::string fit_filter(const EncoderOrder &order) {
     const std::string size = std::to_string(order.width) + ":" + std::to_string(order.height);
     return "fps=" + std::to_string(order.rate) + ",scale=" + size +
@@ -37,7 +37,7 @@ static std::string fit_filter(const EncoderOrder &order) {
            ":(ow-iw)/2:(oh-ih)/2,setsar=1";
 }
 
-// The encoder may save up half a second's bits for one frame, as long as it fits into a slot.
+// The encoder may spend half a second's bits on one frame, as long as it fits into a slot.
 static std::string kilobits_in_buffer(const EncoderOrder &order) {
     const unsigned slot_kilobits = order.frame_capacity / 1000 * 8;
     return std::to_string(std::min(order.bitrate / 2, slot_kilobits * 3 / 4)) + "k";
@@ -76,47 +76,27 @@ std::vector<std::string> encoder_arguments(const EncoderOrder &order) {
     return list;
 }
 
-// A pipe's two ends; the child gets one of them under a number of its own.
+// A pipe's two ends. The child gets one of them, as descriptor child_fd.
 struct Pipe {
     int ends[2] = {-1, -1};
     int child_fd = -1;
 };
 
-// Starts a program with the pipes as its outputs and without our signal mask. Returns its process
-// id, or -1 after a message. The pipes' writing ends are closed here in any case.
+// Starts a program with the pipes as its outputs. Returns its process id, or -1 after a message. In
+// any case the pipes' writing ends are closed in this process.
 static pid_t start_program(const std::vector<std::string> &arguments, std::vector<Pipe> &pipes) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    std::vector<ChildDescriptor> descriptors;
+    descriptors.reserve(pipes.size());
     for (const Pipe &pipe : pipes) {
-        posix_spawn_file_actions_adddup2(&actions, pipe.ends[1], pipe.child_fd);
+        descriptors.emplace_back(pipe.ends[1], pipe.child_fd);
     }
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t none;
-    sigset_t defaults;
-    sigemptyset(&none);
-    sigemptyset(&defaults);
-    sigaddset(&defaults, SIGPIPE);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &defaults);
-    posix_spawnattr_setflags(&attributes,
-                             POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSID);
-    std::vector<char *> argv;
-    argv.reserve(arguments.size() + 1);
-    for (const std::string &argument : arguments) {
-        argv.push_back(const_cast<char *>(argument.c_str()));
-    }
-    argv.push_back(nullptr);
     pid_t pid = -1;
-    const int error = posix_spawnp(&pid, argv[0], &actions, &attributes, argv.data(), environ);
-    posix_spawnattr_destroy(&attributes);
-    posix_spawn_file_actions_destroy(&actions);
+    const int error = spawn_program(pid, arguments, descriptors);
     for (Pipe &pipe : pipes) {
         close(pipe.ends[1]);
     }
     if (error != 0) {
-        complain("cannot start %s: %s%s", argv[0], strerror(error),
+        complain("cannot start %s: %s%s", arguments[0].c_str(), strerror(error),
                  error == ENOENT ? " (Debian has it in the package ffmpeg)" : "");
         return -1;
     }
@@ -170,7 +150,7 @@ bool finish_encoder(Encoder &encoder, bool kill_first) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-// All that comes through a pipe until it ends, up to a size.
+// Reads a pipe to its end, or up to a size.
 static std::string read_all(int fd) {
     constexpr size_t most = 65536;
     std::string text;
@@ -203,7 +183,7 @@ bool probe_file(const std::string &file, FileStreams &streams) {
         return false;
     }
     if (!finish_encoder(probe, false)) {
-        complain("cannot read %s: nothing that ffmpeg knows", file.c_str());
+        complain("cannot read %s: not a format that ffmpeg knows", file.c_str());
         return false;
     }
     streams.has_video = text.find("video") != std::string::npos;

@@ -1,7 +1,7 @@
 #include "beacon_sim/gimbal.h"
 
 #include "automove/camera_state_layout.h"
-#include "base/shared_memory.h"
+#include "base/shared_numbers.h"
 #include "rc/rc_block_layout.h"
 
 #include <algorithm>

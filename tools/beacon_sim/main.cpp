@@ -4,7 +4,7 @@
 #include <cstdio>
 
 int main(int argc, char **argv) {
-    // A command is to be seen when it comes, also in a file or a pipe.
+    // A command should be seen at once, also in a file or a pipe.
     setvbuf(stdout, nullptr, _IOLBF, 0);
     Options options;
     int status = 0;

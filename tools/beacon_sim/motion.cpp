@@ -1,7 +1,6 @@
 #include "beacon_sim/motion.h"
 
-#include "base/clock.h"
-#include "base/shared_memory.h"
+#include "base/shared_numbers.h"
 #include "rc/rc_block_layout.h"
 
 #include <algorithm>
@@ -12,10 +11,10 @@ static void set_raw(const Motion &motion, int channel, uint16_t raw) {
                 raw);
 }
 
-// After the values: the daemon reads them when the time of update is new. 0 would mean none.
+// Call it after writing the values: the daemon reads them when this time is new. 0 would mean none.
 static void set_update_time(const Motion &motion, int receiver) {
     store_whole(motion.rc_block + rc_update_at + static_cast<size_t>(receiver) * 4,
-                std::max(now_ms(), uint32_t{1}));
+                std::max(wall_clock_ms(), uint32_t{1}));
 }
 
 static void move_by_script(const Motion &motion, double seconds) {
@@ -42,7 +41,7 @@ static void move_by_keys(const Motion &motion) {
 }
 
 static void turn(Motion &motion, int64_t now) {
-    constexpr double longest_turn = 0.1; // a machine that slept does not make the gimbal jump
+    constexpr double longest_turn = 0.1; // so that the gimbal does not jump after the machine slept
     const double passed =
         motion.last_turn == 0 ? 0.0 : static_cast<double>(now - motion.last_turn) / 1e9;
     motion.last_turn = now;

@@ -1,40 +1,18 @@
 #include "beacon_sim/options.h"
 
-#include "source/complain.h"
+#include "source/command_line.h"
 
 #include <CLI/CLI.hpp>
-#include <charconv>
-
-constexpr unsigned smallest_side = 64;
-constexpr unsigned largest_side = 4096;
-
-static bool parse_side(std::string_view text, unsigned &side) {
-    const char *end = text.data() + text.size();
-    const auto [stopped, error] = std::from_chars(text.data(), end, side);
-    return error == std::errc{} && stopped == end && side >= smallest_side &&
-           side <= largest_side && side % 2 == 0;
-}
-
-// "1280x720"
-static std::string take_size(const std::string &text, Options &options) {
-    const size_t cross = text.find('x');
-    if (cross == std::string::npos ||
-        !parse_side(std::string_view(text).substr(0, cross), options.width) ||
-        !parse_side(std::string_view(text).substr(cross + 1), options.height)) {
-        return "not a size like 1280x720, even numbers from 64 to 4096: " + text;
-    }
-    return {};
-}
 
 static void add_options(CLI::App &app, Options &options) {
     app.add_option("--video", options.video_file, "play this file (default: a test picture)")
         ->type_name("FILE");
-    app.add_flag("--once", options.is_once, "play it once and end (default: again and again)")
+    app.add_flag("--once", options.is_once, "play it once and exit (default: loop)")
         ->needs("--video");
     app.add_option_function<std::string>(
            "--size",
            [&options](const std::string &text) {
-               const std::string error = take_size(text, options);
+               const std::string error = take_size(text, options.width, options.height);
                if (!error.empty()) {
                    throw CLI::ValidationError("--size", error);
                }
@@ -67,15 +45,6 @@ bool parse_options(int argc, char **argv, Options &options, int &status) {
                  "video, telemetry and sound, its gimbal, and a radio control. See beacon-sim(1).",
                  "beacon-sim");
     app.set_version_flag("--version", "beacon-sim " BEACON_SIM_VERSION);
-    try {
-        add_options(app, options);
-        app.parse(argc, argv);
-        return true;
-    } catch (const CLI::Success &asked) {
-        status = app.exit(asked);
-    } catch (const CLI::ParseError &error) {
-        complain("%s", error.what());
-        status = 2;
-    }
-    return false;
+    add_options(app, options);
+    return parse_command_line(app, argc, argv, status);
 }

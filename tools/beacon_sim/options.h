@@ -1,8 +1,11 @@
 #pragma once
 
+// Reads the command line.
+// Stands on: source/command_line.
+
 #include <string>
 
-// What the command line asks for; docs/man/beacon-sim.1 is its manual.
+// docs/man/beacon-sim.1 describes the options.
 struct Options {
     std::string video_file; // empty: the test picture
     bool is_once = false;
@@ -19,6 +22,6 @@ struct Options {
     std::string record; // a folder
 };
 
-// Reads the command line. Returns true, or false with the exit status: 0 after help or the version
-// was printed, 2 after a message.
+// Reads the command line. False: the program ends with `status`, which is 0 after help or the
+// version was printed, and 2 after a message.
 bool parse_options(int argc, char **argv, Options &options, int &status);

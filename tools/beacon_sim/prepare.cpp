@@ -1,11 +1,12 @@
 #include "beacon_sim/prepare.h"
 
-#include "automove/camera_state_layout.h"
-#include "media/frame_ring_layout.h"
-#include "rc/rc_block_layout.h"
 #include "source/complain.h"
 #include "source/shared_object.h"
 #include "source/signals.h"
+
+#include "automove/camera_state_layout.h"
+#include "media/frame_ring_layout.h"
+#include "rc/rc_block_layout.h"
 
 #include <cerrno>
 #include <cstring>
@@ -61,7 +62,7 @@ static bool prepare_sticks(Motion &motion, const Options &options) {
     return true;
 }
 
-// What is wanted of the encoder, and of the file that it plays.
+// What the encoder has to do, with the file that it plays.
 static bool prepare_encoder(EncoderOrder &order, const Options &options) {
     order = {options.video_file, options.is_once, !options.no_video, false,
              options.width,      options.height,  options.rate,      options.bitrate};
@@ -75,7 +76,7 @@ static bool prepare_encoder(EncoderOrder &order, const Options &options) {
         return false;
     }
     if (order.has_video && !streams.has_video) {
-        complain("%s holds no video", options.video_file.c_str());
+        complain("%s has no video", options.video_file.c_str());
         return false;
     }
     order.has_audio = !options.no_audio && streams.has_audio;
@@ -103,18 +104,19 @@ bool prepare_simulation(Simulation &simulation, const Options &options) {
     return true;
 }
 
-// The daemon's shared memory, as far as it has been mapped.
+// The daemon's shared memory, as far as it is mapped.
 struct Mappings {
     uint8_t *ring = nullptr;
+    int ring_fd = -1;
     uint8_t *rc_block = nullptr;
     uint8_t *camera_state = nullptr;
 };
 
-static SharedObjectResult map_once(const char *name, size_t size, uint8_t **at) {
-    return *at != nullptr ? SharedObjectResult::mapped : map_shared_object(name, size, at);
+static SharedObjectResult map_once(const char *name, size_t size, uint8_t **at, int *fd = nullptr) {
+    return *at != nullptr ? SharedObjectResult::mapped : map_shared_object(name, size, at, fd);
 }
 
-// Maps what is there. `missing` is what the daemon has not made yet.
+// Maps what exists. `missing` is what the daemon has not created yet.
 static SharedObjectResult map_all(Mappings &mappings, const EncoderOrder &order,
                                   const char *&missing) {
     missing = rc_block_name;
@@ -126,7 +128,8 @@ static SharedObjectResult map_all(Mappings &mappings, const EncoderOrder &order,
     if (result == SharedObjectResult::mapped && order.has_video) {
         const bool is_main = order.frame_capacity == main_frame_capacity;
         missing = is_main ? main_ring_name : transcoding_ring_name;
-        result = map_once(missing, ring_size(order.frame_capacity), &mappings.ring);
+        result =
+            map_once(missing, ring_size(order.frame_capacity), &mappings.ring, &mappings.ring_fd);
         if (result == SharedObjectResult::mapped && mappings.ring[ring_mark0_at] != 1) {
             return SharedObjectResult::absent;
         }
@@ -139,7 +142,7 @@ static void say_what_is_waited_for(SharedObjectResult result, const char *missin
         complain("waiting for the daemon: there is no /dev/shm/%s",
                  missing + (*missing == '/' ? 1 : 0));
     } else {
-        complain("waiting for the daemon: nobody listens on 127.0.0.1");
+        complain("waiting for the daemon: nothing listens on 127.0.0.1");
     }
 }
 
@@ -165,12 +168,13 @@ bool wait_for_daemon(Simulation &simulation, const Options &options) {
         }
     }
     if (has_waited) {
-        complain("the daemon is there");
+        complain("the daemon is running");
     }
     simulation.motion.rc_block = mappings.rc_block;
     simulation.motion.camera_state = mappings.camera_state;
     if (!options.no_video) {
         simulation.feed.ring = begin_ring(mappings.ring, simulation.order.frame_capacity);
+        simulation.feed.ring_fd = mappings.ring_fd;
     }
     return true;
 }

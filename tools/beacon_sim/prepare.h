@@ -1,5 +1,11 @@
 #pragma once
 
+// Opens everything that a simulation needs.
+// Stands on: automove/camera_state_layout, beacon_sim/encoder, beacon_sim/motion,
+// beacon_sim/options, beacon_sim/record, beacon_sim/source_streams, beacon_sim/video_feed,
+// media/frame_ring_layout, rc/rc_block_layout, source/complain, source/shared_object,
+// source/signals.
+
 #include "beacon_sim/encoder.h"
 #include "beacon_sim/motion.h"
 #include "beacon_sim/options.h"
@@ -7,7 +13,7 @@
 #include "beacon_sim/source_streams.h"
 #include "beacon_sim/video_feed.h"
 
-// All that a simulation consists of.
+// Everything that a simulation consists of.
 struct Simulation {
     EncoderOrder order;
     Encoder encoder;
@@ -21,15 +27,15 @@ struct Simulation {
     int64_t begin = 0;             // monotonic_ns; times in the output count from here
     int64_t stop_since = 0;        // monotonic_ns; 0: it goes on
     bool is_keyboard_open = false; // with --keys, until standard input ends
-    bool was_refused = false;      // the daemon was gone,
-    bool was_ignored = false;      // or left the frames alone, when it was last looked at
+    bool was_refused = false;      // when last checked, the daemon was gone,
+    bool was_ignored = false;      // or took no frames
     bool is_failed = false;
-    bool is_aborted = false; // a second signal: nothing more is waited for
+    bool is_aborted = false; // after a second signal: do not wait for anything
 };
 
 // Reads and opens everything that does not need the daemon. False after a message.
 bool prepare_simulation(Simulation &simulation, const Options &options);
 
-// Waits until the daemon listens and its shared memory is there, and says so when that takes time.
+// Waits until the daemon listens and its shared memory exists, with a message if that takes time.
 // False after a message: a signal came first, or the memory cannot be used.
 bool wait_for_daemon(Simulation &simulation, const Options &options);

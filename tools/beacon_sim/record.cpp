@@ -1,7 +1,8 @@
 #include "beacon_sim/record.h"
 
-#include "base/text.h"
 #include "source/complain.h"
+
+#include "base/bytes.h"
 
 #include <cerrno>
 #include <cinttypes>
@@ -31,7 +32,7 @@ bool open_record(Record &record, const std::string &folder) {
         fclose(record.video);
         return false;
     }
-    // Who reads it meanwhile sees each frame at once.
+    // A reader should see each frame at once.
     setvbuf(record.frames_file, nullptr, _IONBF, 0);
     SHA256Init(&record.digest);
     return true;
@@ -56,14 +57,14 @@ void add_to_record(Record &record, const std::vector<uint8_t> &unit, int64_t pub
     fwrite(entry, 1, sizeof entry, record.frames_file);
 }
 
-// Did all that was written to the file get there?
+// Was everything written to the file?
 static bool close_file(FILE *file) {
     const bool is_good = ferror(file) == 0;
     return fclose(file) == 0 && is_good;
 }
 
 static bool write_totals(Record &record, const RecordTotals &totals) {
-    // Under another name first: who sees the file sees it whole.
+    // First under another name: a reader never sees half of the file.
     const std::string path = record.folder + "/record.json";
     const std::string unfinished = path + ".part";
     FILE *file = open_file(unfinished);
@@ -85,7 +86,7 @@ bool close_record(Record &record, const RecordTotals &totals) {
     const bool is_video_whole = close_file(record.video);
     const bool are_frames_whole = close_file(record.frames_file);
     if (!is_video_whole || !are_frames_whole || !write_totals(record, totals)) {
-        complain("the record in %s is not whole: %s", record.folder.c_str(), strerror(errno));
+        complain("the record in %s is incomplete: %s", record.folder.c_str(), strerror(errno));
         return false;
     }
     return true;

@@ -11,9 +11,9 @@
 #include <poll.h>
 #include <unistd.h>
 
-// How long the daemon may leave the ring alone, and the encoder may take to end.
+// How long the daemon may take no frame, and how long the encoder may take to end.
 constexpr int64_t patience = 5 * nanoseconds_per_second;
-// After this time something is said about it.
+// After this time there is a message.
 constexpr int64_t silence = 2 * nanoseconds_per_second;
 constexpr int64_t ring_poll_interval = nanoseconds_per_millisecond;
 
@@ -24,7 +24,7 @@ static void stop(Simulation &simulation) {
     }
 }
 
-// What is waited for, in the order of the numbers; -1 is passed over by poll().
+// What to wait for: indices of the descriptors for poll(), which skips -1.
 enum WaitedFor : unsigned { on_signal, on_command, on_video, on_sound, on_key, waited_count };
 
 static void handle_signal(Simulation &simulation) {
@@ -58,7 +58,7 @@ static void read_keys(Simulation &simulation) {
     }
 }
 
-// Has the encoder given anything since it was last asked?
+// Has the encoder produced anything since the last call?
 static bool has_played(Simulation &simulation) {
     const uint64_t before = simulation.played;
     simulation.played = simulation.feed.frames + simulation.feed.too_long +
@@ -67,7 +67,7 @@ static bool has_played(Simulation &simulation) {
     return simulation.played != before;
 }
 
-// Starts the encoder on its file anew: not every file can be wound back while it plays.
+// Starts the encoder again with its file: not every file can be rewound while it plays.
 static bool play_again(Simulation &simulation) {
     const EncoderOrder &order = simulation.order;
     if (order.file.empty() || order.is_once || !has_played(simulation) ||
@@ -78,7 +78,7 @@ static bool play_again(Simulation &simulation) {
     return true;
 }
 
-// Once both its streams have ended, the encoder has.
+// When both its streams have ended, so has the encoder.
 static void finish_streams(Simulation &simulation) {
     Encoder &encoder = simulation.encoder;
     if (encoder.pid < 0 || encoder.video_fd >= 0 || encoder.audio_fd >= 0) {
@@ -100,14 +100,14 @@ static void close_stream(int &fd) {
     fd = -1;
 }
 
-// Waits for the next thing to do, at most until `until`, and does what came from outside.
+// Waits for something to do, at most until `until`, and handles what came from outside.
 static void wait_and_handle(Simulation &simulation, int64_t until) {
     Encoder &encoder = simulation.encoder;
     VideoFeed &feed = simulation.feed;
     pollfd waited[waited_count];
     waited[on_signal] = {simulation.signals, POLLIN, 0};
     waited[on_command] = {simulation.streams.data.fd, POLLIN, 0};
-    // While the ring is full the encoder is left to wait, too.
+    // While the ring is full, the encoder has to wait.
     waited[on_video] = {feed.waiting.empty() ? encoder.video_fd : -1, POLLIN, 0};
     waited[on_sound] = {encoder.audio_fd, POLLIN, 0};
     waited[on_key] = {simulation.is_keyboard_open ? STDIN_FILENO : -1, POLLIN, 0};
@@ -137,10 +137,12 @@ static void wait_and_handle(Simulation &simulation, int64_t until) {
     }
 }
 
-// Says when the daemon went away or leaves the frames alone, and when it is back: the camera waits.
+// Reports when the daemon is gone or takes no frames, and when it is back. The camera waits for it.
 static void watch_daemon(Simulation &simulation, int64_t now) {
     const bool is_refused = daemon_is_gone(simulation.streams);
-    const bool is_ignored = simulation.order.has_video && now - simulation.feed.progress > silence;
+    const VideoFeed &feed = simulation.feed;
+    const bool is_ignored =
+        simulation.order.has_video && !feed.has_no_memory && now - feed.progress > silence;
     if (is_refused != simulation.was_refused) {
         complain(is_refused ? "the daemon is gone, waiting for it" : "the daemon is back");
     } else if (is_ignored && !simulation.was_ignored && !is_refused) {
@@ -156,12 +158,12 @@ static bool is_over(const Simulation &simulation) {
             (!simulation.order.has_video || feed_is_drained(simulation.feed)));
 }
 
-// When all is to end: a daemon that does not take the last frames, and an encoder that goes on.
+// At the end: the daemon may not take the last frames, and the encoder may not stop.
 static bool has_lost_patience(Simulation &simulation, int64_t now) {
     if (simulation.stop_since == 0) {
         return false;
     }
-    // Nothing is hoped for from a daemon that is gone.
+    // A daemon that is gone takes no more frames.
     const int64_t most = daemon_is_gone(simulation.streams) ? nanoseconds_per_second : patience;
     const int64_t progress = std::max(simulation.feed.progress, simulation.stop_since);
     if (simulation.order.has_video && now - progress > most) {
@@ -187,7 +189,7 @@ static void run_loop(Simulation &simulation) {
             return;
         }
         const bool is_ring_watched = !feed.waiting.empty() || feed.is_ended;
-        // Everything else that is due comes with a turn of the gimbal.
+        // Everything else that is due happens with a turn of the gimbal.
         const int64_t turn = simulation.motion.beat.due;
         wait_and_handle(simulation,
                         is_ring_watched ? std::min(turn, now + ring_poll_interval) : turn);

@@ -1,6 +1,6 @@
 #include "beacon_sim/source_streams.h"
 
-#include "base/text.h"
+#include "base/bytes.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,10 +15,10 @@ constexpr uint16_t data_port = 5000;
 constexpr uint16_t video_port = 5001;
 constexpr uint16_t audio_port = 5003;
 
-constexpr unsigned tone_frequency = 440; // divides into the rate's second: no seams
+constexpr unsigned tone_frequency = 440; // a whole number of waves a second: no seams
 constexpr double tone_loudness = 8000.0;
 constexpr size_t longest_command = 65536;
-constexpr size_t longest_name = 40; // of a command, in the answer to it
+constexpr size_t longest_name = 40; // of a command's name in its answer
 
 bool open_streams(SourceStreams &streams) {
     return (!streams.has_telemetry || open_udp_link(streams.data, data_port)) &&
@@ -34,7 +34,7 @@ static void send_telemetry(SourceStreams &streams, uint64_t frames) {
     send_datagram(streams.data, line, static_cast<size_t>(length));
 }
 
-// What came as no command in JSON has no name that could be told.
+// A datagram that is not a JSON command has no name.
 static void send_answer(SourceStreams &streams, const std::optional<SourceCommand> &command) {
     std::string name = command ? escaped_line(command->cmd) : "?";
     name.resize(std::min(name.size(), longest_name));
@@ -44,7 +44,7 @@ static void send_answer(SourceStreams &streams, const std::optional<SourceComman
     send_datagram(streams.data, line, static_cast<size_t>(length));
 }
 
-// Any datagram on the video port says that there is video.
+// Any datagram to the video port says that there is video.
 static void send_presence(SourceStreams &streams) {
     send_datagram(streams.video, "video", 5);
 }

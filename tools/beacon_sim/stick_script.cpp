@@ -8,7 +8,7 @@
 
 static constexpr std::string_view blanks = " \t\r";
 
-// Takes the first word off a line; empty when there is none.
+// Removes the first word from a line and returns it; empty if there is none.
 static std::string_view take_word(std::string_view &line) {
     const size_t begin = std::min(line.find_first_not_of(blanks), line.size());
     line.remove_prefix(begin);

@@ -6,8 +6,8 @@
 #include <termios.h>
 #include <unistd.h>
 
-static termios saved;    // as the terminal was found
-static bool is_key_mode; // is it set?
+static termios saved;    // the terminal's settings before the change
+static bool is_key_mode; // was the terminal changed?
 
 void leave_key_mode() {
     if (is_key_mode) {

@@ -1,10 +1,11 @@
 #pragma once
 
-// The terminal on standard input, set to give each key as it is pressed, unseen. Ctrl-C and Ctrl-Z
-// stay what they are.
+// Switches the terminal on standard input to single keys.
+// Stands on: source/complain.
 
-// Sets it. False after a message: standard input is no terminal.
+// Makes the terminal pass on each key as it is pressed, without showing it. Ctrl-C and Ctrl-Z keep
+// working. False after a message: standard input is not a terminal.
 bool enter_key_mode();
 
-// Sets it back as it was; nothing when it was not set. Also done at exit().
+// Restores the terminal, if it was changed. exit() does this, too.
 void leave_key_mode();

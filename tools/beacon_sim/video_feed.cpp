@@ -27,7 +27,7 @@ void read_encoder(VideoFeed &feed, int fd) {
 static void publish(VideoFeed &feed, const AccessUnit &unit) {
     if (unit.size() > feed.ring.frame_capacity) {
         if (feed.too_long++ == 0) {
-            complain("a frame of %zu bytes is left out, a slot of the ring takes %u; a lower "
+            complain("skipped a frame of %zu bytes, a slot of the ring holds %u; a lower "
                      "--bitrate may help",
                      unit.size(), feed.ring.frame_capacity);
         }
@@ -41,8 +41,20 @@ static void publish(VideoFeed &feed, const AccessUnit &unit) {
     }
 }
 
+// Says when /dev/shm is full, and when it no longer is.
+static bool has_memory(VideoFeed &feed) {
+    const size_t size = feed.waiting.front().size();
+    const bool is_full =
+        size <= feed.ring.frame_capacity && !reserve_frame(feed.ring, feed.ring_fd, size);
+    if (is_full != feed.has_no_memory) {
+        complain(is_full ? "/dev/shm is full, waiting for room" : "/dev/shm has room again");
+    }
+    feed.has_no_memory = is_full;
+    return !is_full;
+}
+
 void publish_waiting(VideoFeed &feed, int64_t now) {
-    while (!feed.waiting.empty() && ring_has_room(feed.ring)) {
+    while (!feed.waiting.empty() && ring_has_room(feed.ring) && has_memory(feed)) {
         publish(feed, feed.waiting.front());
         feed.waiting.pop_front();
     }

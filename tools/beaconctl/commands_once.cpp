@@ -1,16 +1,17 @@
+#include "beaconctl/board.h"
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
+#include "beaconctl/fail.h"
 #include "beaconctl/screen.h"
 #include "beaconctl/text_table.h"
 #include "client/command_check.h"
-#include "client/status_record.h"
+#include "client/packet.h"
+#include "client/wait.h"
 
 #include "net/relay_packet.h"
 
 #include <cstdio>
 #include <unistd.h>
-
-constexpr const char *shot_command = R"(!{"cmd":"shot","param":""})";
 
 int turn_gimbal(const Target &target, double pan, double tilt, double roll) {
     Link link;
@@ -30,14 +31,26 @@ int take_shot(const Target &target) {
     if (const int code = reach_board(link, target, info); code != exit_ok) {
         return code;
     }
-    keep_registered(link, Registration::data_only);
+    register_for(link.registration, Streams::data_only, Clock::now());
     StatusRecord status{};
-    if (next_status(link, status, after(link.timeout)) == Received::packet && !status.data_source) {
+    if (next_status(link, status, after(link.wait.timeout)) == Received::packet &&
+        !status.data_source) {
         return fail("the board has no camera program that could take a photo");
     }
-    send_payload(link, shot_command);
+    send_payload(link, shot_payload());
     puts("Sent to the camera; it does not say whether it has taken a photo.");
     return exit_ok;
+}
+
+static const char *harm_text(Harm harm) {
+    switch (harm) {
+    case Harm::ends_daemon:
+        return ", because the daemon would end on it";
+    case Harm::ignored:
+        return ", because the daemon would ignore it";
+    default:
+        return "";
+    }
 }
 
 static void print_packet(const PacketView &packet) {
@@ -53,9 +66,7 @@ static void print_packet(const PacketView &packet) {
 int send_raw(const Target &target, const std::string &command, double seconds) {
     const CheckedCommand checked = check_command(command);
     if (checked.text.empty()) {
-        fail("not sent" +
-             std::string(checked.is_too_long ? "" : ", for the daemon would end on it") + ": " +
-             checked.reason);
+        fail(std::string("not sent") + harm_text(checked.harm) + ": " + checked.reason);
         return exit_usage;
     }
     Link link;
@@ -68,13 +79,14 @@ int send_raw(const Target &target, const std::string &command, double seconds) {
     PacketView packet{};
     const TimePoint end = after(seconds);
     while (receive(link, packet, end) == Received::packet) {
-        if (!parse_info(packet)) { // a late answer to the question whether the daemon is there
+        if (!parse_info(packet)) { // a late answer to the check that the daemon is there
             print_packet(packet);
             ++count;
         }
     }
     if (count == 0) {
-        fprintf(stderr, "Sent; nothing came back within %g s.\n", seconds);
+        fprintf(stderr, "Sent; nothing came back within %g s. What the daemon does: %s.\n", seconds,
+                checked.effect.c_str());
     }
     return exit_ok;
 }

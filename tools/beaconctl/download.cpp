@@ -1,30 +1,33 @@
+#include "beaconctl/board.h"
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
+#include "beaconctl/fail.h"
 #include "beaconctl/screen.h"
+#include "beaconctl/stop.h"
 #include "beaconctl/text_table.h"
-#include "client/file_transfer.h"
+#include "client/file_fetch.h"
+#include "client/wait.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <sha2.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
-constexpr uint32_t overlap = 4096;   // of what is there already, fetched again and compared
-constexpr size_t longest_path = 255; // the daemon cuts a longer one
-constexpr int most_restarts = 5;     // of a transfer whose size another client's may have changed
+constexpr uint32_t overlap = 4096; // bytes of the existing part that are fetched again and compared
 
 struct Download {
-    std::string remote;
     std::string local;
-    std::string part;      // what has come of the file, until it is complete
-    std::string kept_tail; // the end of what was there already
-    FileTransfer transfer;
-    PieceClock clock;
+    std::string part; // the file until it is complete
+    FileFetch fetch;
     int output = -1;
-    int restarts = 0;
+    bool is_piped = false; // into standard output, instead of a part
+    SHA2_CTX sum{};        // SHA-256 of what `part` has
+    bool is_begun = false; // the size is known, and `part` is open
     uint32_t began_at = 0;
     TimePoint begun = Clock::now();
     Progress progress;
@@ -34,7 +37,7 @@ static int fail_about(const std::string &file) {
     return fail(file + ": " + strerror(errno));
 }
 
-// A folder stands for the file of the same name in it.
+// If the local name is a folder, the file goes into it under its remote name.
 static std::string local_path(const DownloadOptions &options) {
     struct stat status {};
     if (stat(options.local.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
@@ -43,13 +46,13 @@ static std::string local_path(const DownloadOptions &options) {
     return options.local + "/" + options.remote.substr(options.remote.rfind('/') + 1);
 }
 
-// Could the download take the place of what has that name already? A device must stay one.
+// May the download replace what has this name? A device must not be replaced.
 static bool is_replaceable(const std::string &path) {
     struct stat status {};
     return stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode);
 }
 
-// Takes up what an earlier attempt has left.
+// Resumes the part that an earlier attempt has left.
 static int take_up_part(Download &download) {
     const int fd = open(download.part.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) {
@@ -60,14 +63,41 @@ static int take_up_part(Download &download) {
     if (length > static_cast<off_t>(largest_file)) {
         return fail(download.part + " is larger than any file that can be fetched");
     }
-    const auto kept = static_cast<uint32_t>(std::min<off_t>(length, overlap));
-    download.transfer.start = static_cast<uint32_t>(length) - kept;
-    download.kept_tail.resize(kept);
-    const ssize_t read = pread(fd, download.kept_tail.data(), kept, download.transfer.start);
-    return read == static_cast<ssize_t>(kept) ? exit_ok : fail_about(download.part);
+    std::string tail(static_cast<size_t>(std::min<off_t>(length, overlap)), '\0');
+    const auto kept = static_cast<off_t>(tail.size());
+    if (pread(fd, tail.data(), tail.size(), length - kept) != kept) {
+        return fail_about(download.part);
+    }
+    resume_fetch(download.fetch, static_cast<uint32_t>(length), tail);
+    return exit_ok;
 }
 
-static int open_part(Download &download) {
+// Adds what an earlier attempt has left to the sum.
+static bool add_prefix(Download &download, uint32_t length) {
+    std::vector<uint8_t> piece(1 << 20);
+    for (uint32_t at = 0; at < length;) {
+        const ssize_t got =
+            pread(download.output, piece.data(), std::min<size_t>(piece.size(), length - at), at);
+        if (got <= 0) {
+            return false;
+        }
+        SHA256Update(&download.sum, piece.data(), static_cast<size_t>(got));
+        at += static_cast<uint32_t>(got);
+    }
+    return true;
+}
+
+// The size is known, so the file exists: opens the part.
+static int begin_part(Download &download, uint32_t offset) {
+    if (download.is_begun) {
+        return exit_ok;
+    }
+    download.is_begun = true;
+    SHA256Init(&download.sum);
+    download.began_at = offset;
+    if (offset > 0 && !add_prefix(download, offset)) {
+        return fail_about(download.part);
+    }
     if (download.output < 0) {
         download.output =
             open(download.part.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -75,19 +105,19 @@ static int open_part(Download &download) {
     return download.output < 0 ? fail_about(download.part) : exit_ok;
 }
 
-// Writes a piece's data where it belongs. The first bytes after taking up a part file must be those
-// that are there.
 static int write_piece(Download &download, uint32_t offset, std::span<const uint8_t> data) {
-    std::string &tail = download.kept_tail;
-    if (!tail.empty()) {
-        if (data.size() < tail.size() || memcmp(data.data(), tail.data(), tail.size()) != 0) {
-            return fail(download.part + " is not the beginning of " + download.remote +
-                        ": remove it, or download without --resume");
-        }
-        tail.clear();
-    }
+    SHA256Update(&download.sum, data.data(), data.size());
     while (!data.empty()) {
-        const ssize_t written = pwrite(download.output, data.data(), data.size(), offset);
+        if (download.is_piped && stop_requested()) { // its reader may never read the rest
+            clear_progress(download.progress);
+            return fail("interrupted");
+        }
+        const ssize_t written = download.is_piped
+                                    ? write(download.output, data.data(), data.size())
+                                    : pwrite(download.output, data.data(), data.size(), offset);
+        if (written < 0 && errno == EINTR) {
+            continue;
+        }
         if (written < 0) {
             clear_progress(download.progress);
             return fail_about(download.part);
@@ -99,171 +129,195 @@ static int write_piece(Download &download, uint32_t offset, std::span<const uint
 }
 
 static void tell_progress(Download &download) {
-    if (!progress_due(download.progress) || is_before_data(download.transfer)) {
+    const FileTransfer &transfer = download.fetch.transfer;
+    if (!progress_due(download.progress) || is_before_data(transfer)) {
         return;
     }
-    const double done = download.transfer.offset;
-    const double size = download.transfer.size;
+    const double done = transfer.offset;
+    const double size = transfer.size;
     const double part = size > 0 ? done / size : 1;
     const double speed = (done - download.began_at) / std::max(seconds_since(download.begun), 0.01);
     char text[200];
     snprintf(text, sizeof text, " %3.0f %%  %s of %s", 100 * part, bytes_text(done).c_str(),
              bytes_text(size).c_str());
-    // The bar has its place at the left, however long the words become.
-    const size_t columns = progress_columns();
-    std::string line = progress_bar(part, std::min<size_t>(columns / 3, 40)) + text;
+    // The bar comes first, so that it does not move when the text grows.
+    std::string numbers = text;
     if (speed > 0) {
         snprintf(text, sizeof text, "  %s/s  %.0f s left", bytes_text(speed).c_str(),
                  (size - done) / speed);
-        line += text;
+        numbers += text;
     }
-    show_progress(download.progress, line);
+    const size_t columns = progress_columns();
+    const std::string bar = progress_bar(part, std::min<size_t>(columns / 3, 40));
+    const bool has_room = text_width(bar + numbers) <= columns;
+    show_progress(download.progress, has_room ? bar + numbers : numbers.substr(1));
 }
 
-// Another client that fetches the same file can make the daemon forget or keep its size: the probe
-// tells which it is now. A file whose size is really another is given up.
-static bool begin_again(Download &download) {
-    if (is_before_data(download.transfer) || ++download.restarts > most_restarts) {
-        return false;
+// The daemon does not say why it sends no file; the path may.
+static std::string path_hint(const std::string &path) {
+    if (!path.starts_with('/')) {
+        return "; the path is relative to the daemon's own folder: begin it with /";
     }
-    download.transfer.start = download.transfer.offset;
-    download.transfer.offset = reset_offset;
-    return true;
+    return path.ends_with('/') ? "; this is a folder: name a file in it" : "";
 }
 
-static int report_changed(const Download &download) {
-    return fail(download.restarts == 0 && is_before_data(download.transfer)
-                    ? download.part + " is longer than " + download.remote +
-                          ": remove it, or download without --resume"
-                    : download.remote + " changes while it is fetched");
-}
-
-// What the probe told: the size, and with it that there is such a file.
-static int begin_pieces(Download &download) {
-    download.began_at = download.restarts == 0 ? download.transfer.offset : download.began_at;
-    return open_part(download);
+// Why the fetch failed.
+static std::string failure_text(const Download &download, FetchNews news) {
+    const std::string &remote = download.fetch.path;
+    switch (news) {
+    case FetchNews::missing:
+        return remote + ": the board has no such file, it is a folder, or it has 2 GiB or more" +
+               path_hint(remote);
+    case FetchNews::too_large:
+        return remote + " is larger than 2 GB, which is the most that can be fetched";
+    case FetchNews::shorter:
+        return download.part + " is longer than " + remote +
+               ": remove it, or download without --resume";
+    case FetchNews::differs:
+        return download.part + " is not the beginning of " + remote +
+               ": remove it, or download without --resume";
+    case FetchNews::cut_short:
+        return remote + " is shorter than the board says";
+    default:
+        return remote + " changes while it is fetched";
+    }
 }
 
 struct Step {
     int code = exit_ok;
     bool is_over = false;
-    bool is_broken_off = false; // by silence or the user: what has come can be gone on from
+    bool is_broken_off = false; // by silence or by the user; it can be resumed
 };
 
-static Step over(int code) {
-    return {code, true, false};
-}
-
-static Step take_verdict(Download &download, PieceVerdict verdict, uint32_t offset,
-                         std::span<const uint8_t> data) {
-    switch (verdict) {
-    case PieceVerdict::taken:
-    case PieceVerdict::complete: {
-        int code = exit_ok;
-        if (offset < reset_offset) {
-            code = write_piece(download, offset, data);
-        } else if (offset == probe_offset) {
-            code = begin_pieces(download);
-        }
-        return {code, code != exit_ok || verdict == PieceVerdict::complete, false};
-    }
-    case PieceVerdict::missing:
-        return over(fail(download.remote + ": the board has no such file"));
-    case PieceVerdict::too_large:
-        return over(
-            fail(download.remote + " is larger than 2 GB, which is the most that can be fetched"));
-    case PieceVerdict::changed:
-        return begin_again(download) ? Step{} : over(report_changed(download));
-    case PieceVerdict::ended_early:
-        return over(fail(download.remote + " is shorter than the board says"));
-    case PieceVerdict::not_expected:
+static Step take_event(Download &download, const FetchEvent &event) {
+    int code = exit_ok;
+    bool is_unwritable = false;
+    switch (event.news) {
+    case FetchNews::nothing:
         break;
+    case FetchNews::size:
+        code = begin_part(download, event.offset);
+        break;
+    case FetchNews::data:
+    case FetchNews::complete:
+        code = begin_part(download, event.offset);
+        if (code == exit_ok) {
+            code = write_piece(download, event.offset, event.data);
+            is_unwritable = code != exit_ok; // such as a full disk: it can go on later
+        }
+        break;
+    default:
+        code = fail(failure_text(download, event.news));
     }
-    return {};
+    return {code, code != exit_ok || event.news == FetchNews::complete, is_unwritable};
 }
 
-// Asks for one piece and takes it. A piece that does not come in time is no failure yet.
-static Step fetch_piece(Link &link, Download &download, TimePoint &heard) {
-    const uint32_t offset = download.transfer.offset;
-    const TimePoint asked = Clock::now();
+static Step break_off(const Link &link, Download &download, Outcome outcome) {
+    clear_progress(download.progress);
+    return {report_silence(link, outcome), true, true};
+}
+
+// Asks for a piece if that is due, and takes the next packet.
+static Step fetch_on(Link &link, Download &download) {
+    FileFetch &fetch = download.fetch;
+    switch (step_fetch(fetch, Clock::now())) {
+    case FetchStep::ask:
+        send_payload(link, fetch_payload(fetch));
+        break;
+    case FetchStep::wait:
+        break;
+    case FetchStep::silent:
+        return break_off(link, download, Outcome::silent);
+    }
+    PacketView packet{};
     Step step;
-    const auto take = [&](const PacketView &packet) {
-        const auto piece = parse_piece(packet);
-        if (!piece) {
-            return false;
-        }
-        const PieceVerdict verdict = take_piece(download.transfer, *piece);
-        if (verdict == PieceVerdict::not_expected) {
-            return false;
-        }
-        step = take_verdict(download, verdict, offset, piece->data);
-        return true;
-    };
-    const Outcome outcome = request(link, piece_request(download.remote, offset),
-                                    piece_patience(download.clock), 1, take);
-    if (outcome == Outcome::answered) {
-        note_piece(download.clock, seconds_since(asked));
-        heard = Clock::now();
-    } else if (outcome != Outcome::silent || seconds_since(heard) > link.timeout) {
-        clear_progress(download.progress);
-        return {report_silence(link, outcome), true, true};
-    } else {
-        ++download.clock.misses;
+    switch (receive(link, packet, fetch.due)) {
+    case Received::packet:
+        step = take_event(download, take_packet(fetch, packet, Clock::now()));
+        break;
+    case Received::timed_out:
+        break;
+    case Received::refused:
+        return break_off(link, download, Outcome::refused);
+    case Received::stopped:
+    case Received::output_gone:
+        return break_off(link, download, Outcome::stopped);
     }
     tell_progress(download);
     return step;
 }
 
-// The piece that completes a file was taken: gives it its name.
+static void report_whole(Download &download) {
+    char sum[SHA256_DIGEST_STRING_LENGTH];
+    SHA256End(&download.sum, sum);
+    const double seconds = seconds_since(download.begun);
+    const uint32_t now = download.fetch.transfer.size - download.began_at;
+    fprintf(stderr, "%s: %u bytes", download.local.c_str(), download.fetch.transfer.size);
+    if (download.began_at > 0) {
+        fprintf(stderr, ", %u of them now", now);
+    }
+    fprintf(stderr, ", in %.1f s, %.1f MB/s\nSHA-256 %s\n", seconds,
+            1e-6 * now / std::max(seconds, 0.001), sum);
+}
+
+// The file is complete: gives it its name.
 static int finish(Download &download) {
+    if (download.is_piped) {
+        report_whole(download);
+        return exit_ok;
+    }
     struct stat status {};
     if (fstat(download.output, &status) != 0 || close(download.output) != 0) {
         return fail_about(download.part);
     }
-    if (status.st_size != static_cast<off_t>(download.transfer.size)) {
+    if (status.st_size != static_cast<off_t>(download.fetch.transfer.size)) {
         return fail(download.part + " has " + std::to_string(status.st_size) + " bytes, not " +
-                    std::to_string(download.transfer.size));
+                    std::to_string(download.fetch.transfer.size));
     }
     if (rename(download.part.c_str(), download.local.c_str()) != 0) {
         return fail_about(download.local);
     }
-    const double seconds = seconds_since(download.begun);
-    fprintf(stderr, "%s: %u bytes", download.local.c_str(), download.transfer.size);
-    if (download.began_at > 0) {
-        fprintf(stderr, ", %u of them now", download.transfer.size - download.began_at);
-    }
-    fprintf(stderr, ", in %.1f s\n", seconds);
+    report_whole(download);
     return exit_ok;
 }
 
 int download_file(const Target &target, const DownloadOptions &options) {
     if (options.remote.empty() || options.remote.size() > longest_path) {
         fail(options.remote.empty() ? "the file on the board has no name"
-                                    : "the file's name is longer than the daemon takes");
+                                    : "the file's name is longer than the daemon accepts");
         return exit_usage;
     }
     Download download;
-    download.remote = options.remote;
+    download.is_piped = options.local == "-";
+    if (download.is_piped && (options.resume || is_terminal(STDOUT_FILENO))) {
+        fail(options.resume ? "standard output cannot be resumed"
+                            : "standard output is a terminal: write to a file or a pipe");
+        return exit_usage;
+    }
+    download.output = download.is_piped ? STDOUT_FILENO : -1;
     download.local = local_path(options);
-    if (!is_replaceable(download.local)) {
-        return fail(download.local + " is there already, and is no file");
+    if (!download.is_piped && !is_replaceable(download.local)) {
+        return fail(download.local + " already exists, and is not a file");
     }
     Link link;
-    if (!open_link(link, target)) {
+    if (!open_board(link, target)) {
         return exit_silent;
     }
-    download.part = download.local + ".part";
+    download.part = download.is_piped ? download.local : download.local + ".part";
+    download.fetch = begin_fetch(options.remote, link.wait.timeout, Clock::now());
+    link.wait.output = download.is_piped ? STDOUT_FILENO : -1;
     const int code = options.resume ? take_up_part(download) : exit_ok;
     Step step{code, code != exit_ok, false};
-    for (TimePoint heard = Clock::now(); !step.is_over;) {
-        step = fetch_piece(link, download, heard);
+    while (!step.is_over) {
+        step = fetch_on(link, download);
     }
     clear_progress(download.progress);
     if (step.code == exit_ok) {
         return finish(download);
     }
-    if (step.is_broken_off && download.output >= 0 && !is_before_data(download.transfer)) {
-        fprintf(stderr, "What has come is in %s; --resume goes on from there.\n",
+    if (step.is_broken_off && !download.is_piped && download.output >= 0 &&
+        !is_before_data(download.fetch.transfer)) {
+        fprintf(stderr, "%s has what was received; --resume continues from there.\n",
                 download.part.c_str());
     }
     return step.code;

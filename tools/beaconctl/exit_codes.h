@@ -1,7 +1,9 @@
 #pragma once
 
-// How beaconctl ends; the manual page and --help tell the same.
+// The exit codes, as the manual page and --help list them.
+// Stands on: nothing else of ours.
+
 constexpr int exit_ok = 0;
-constexpr int exit_failed = 1; // the board answered, and what was asked for could not be had
-constexpr int exit_usage = 2;  // the command line cannot be taken
+constexpr int exit_failed = 1; // the board answered, but the request failed
+constexpr int exit_usage = 2;  // the command line is wrong
 constexpr int exit_silent = 3; // the daemon does not answer

@@ -1,14 +1,15 @@
 #include "beaconctl/command_line.h"
 #include "beaconctl/exit_codes.h"
+#include "beaconctl/fail.h"
 #include "beaconctl/screen.h"
-#include "client/link.h"
+#include "beaconctl/stop.h"
 
 #include <exception>
 #include <fcntl.h>
 #include <unistd.h>
 
-// A standard descriptor that is closed would become the next thing that is opened. In its place
-// comes one that fails as it would.
+// If a standard descriptor is closed, the next file that is opened would get its number. So it is
+// replaced by one on which reads or writes fail, as they would on a closed one.
 static void occupy_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) < 0) {

@@ -1,7 +1,11 @@
+#include "beaconctl/board.h"
+#include "beaconctl/channel_table.h"
 #include "beaconctl/commands.h"
 #include "beaconctl/exit_codes.h"
 #include "beaconctl/receivers.h"
 #include "beaconctl/screen.h"
+#include "beaconctl/stop.h"
+#include "client/wait.h"
 
 #include <unistd.h>
 
@@ -17,7 +21,7 @@ static std::vector<std::string> all_lines(const ReceiverAnswers &receivers) {
 int show_channels(const Target &target, bool is_once, bool as_json) {
     Link link;
     ReceiverAnswers receivers;
-    if (!open_link(link, target)) {
+    if (!open_board(link, target)) {
         return exit_silent;
     }
     Screen screen;
@@ -36,7 +40,7 @@ int show_channels(const Target &target, bool is_once, bool as_json) {
             return exit_ok;
         }
         rewrite_screen(screen, all_lines(receivers));
-        pass_over_packets(link, after(refresh_interval));
+        drop_packets(link, after(refresh_interval));
     }
     return exit_ok;
 }

@@ -1,12 +1,14 @@
 #include "beaconctl/screen.h"
 
 #include "beaconctl/exit_codes.h"
+#include "beaconctl/fail.h"
 #include "beaconctl/text_table.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -14,7 +16,10 @@ constexpr double progress_interval = 0.2;
 constexpr const char *clear_to_line_end = "\x1b[K";
 constexpr const char *clear_below = "\x1b[J";
 
-static int output_error = 0; // why standard output takes no more
+constexpr double line_interval = 5.0; // of progress off a terminal
+
+static bool is_progress_wanted = false; // off a terminal, too
+static int output_error = 0;            // the first error of standard output
 
 bool is_terminal(int fd) {
     return isatty(fd) == 1;
@@ -25,7 +30,7 @@ struct TerminalSize {
     size_t rows = 23;
 };
 
-// One column stays free, for a terminal may begin a new line when its last is written, and one row,
+// One column is left free, because a terminal may wrap when the last one is written, and one row
 // for the cursor.
 static TerminalSize terminal_size(int fd) {
     winsize size{};
@@ -88,15 +93,49 @@ bool rewrite_screen(Screen &screen, const std::vector<std::string> &lines) {
     return print_text(text);
 }
 
+void take_keys(KeyInput &keys) {
+    const pid_t owner = tcgetpgrp(STDIN_FILENO); // -1: the terminal controls nobody
+    const bool is_in_background = owner > 0 && owner != getpgrp(); // it would be stopped
+    if (!is_terminal(STDIN_FILENO) || is_in_background ||
+        tcgetattr(STDIN_FILENO, &keys.before) != 0) {
+        return;
+    }
+    termios single = keys.before;
+    single.c_lflag &= ~static_cast<tcflag_t>(ICANON);
+    keys.is_taken = tcsetattr(STDIN_FILENO, TCSANOW, &single) == 0;
+}
+
+char key_pressed(const KeyInput &keys) {
+    pollfd input{STDIN_FILENO, POLLIN, 0};
+    char key = '\0';
+    return keys.is_taken && poll(&input, 1, 0) > 0 && read(STDIN_FILENO, &key, 1) == 1 ? key : '\0';
+}
+
+void give_keys_back(KeyInput &keys) {
+    if (keys.is_taken) {
+        tcsetattr(STDIN_FILENO, TCSANOW, &keys.before);
+        keys.is_taken = false;
+    }
+}
+
+void always_show_progress() {
+    is_progress_wanted = true;
+}
+
 bool progress_due(Progress &progress) {
-    if (Clock::now() < progress.due || !is_terminal(STDERR_FILENO)) {
+    const bool is_at_terminal = is_terminal(STDERR_FILENO);
+    if (Clock::now() < progress.due || (!is_at_terminal && !is_progress_wanted)) {
         return false;
     }
-    progress.due = after(progress_interval);
+    progress.due = after(is_at_terminal ? progress_interval : line_interval);
     return true;
 }
 
 void show_progress(Progress &progress, const std::string &text) {
+    if (!is_terminal(STDERR_FILENO)) {
+        fprintf(stderr, "%s\n", text.c_str());
+        return;
+    }
     const std::string line = cut_text(text, terminal_size(STDERR_FILENO).columns);
     fprintf(stderr, "\r%s%s", line.c_str(), clear_to_line_end);
     progress.is_shown = true;

@@ -1,5 +1,8 @@
 #pragma once
 
+// Reads the daemon's JSON answers.
+// Stands on: client/mend, client/packet, net/relay_packet.
+
 #include "client/packet.h"
 
 #include <nlohmann/json_fwd.hpp>
@@ -7,18 +10,19 @@
 #include <string>
 #include <string_view>
 
-// The daemon's JSON answers. Who looks into one includes <nlohmann/json.hpp>.
+// To look into an answer, include <nlohmann/json.hpp>.
+using Json = nlohmann::ordered_json; // keeps the members in the daemon's order
 
-using Json = nlohmann::ordered_json; // members stay in the daemon's order
-
-// An answer of the daemon, mended; nothing when it cannot be read even so.
+// The answer, repaired as client/mend.h says. Nothing when it still is no JSON object.
 std::optional<Json> parse_answer(std::string_view text);
 
-// The text of an answer that begins with {"cmd":"NAME"; nothing when the packet is no such answer.
+// The text of an answer that begins with {"cmd":"NAME", where NAME is `cmd`. Nothing when the
+// packet is no such answer.
 std::optional<std::string> answer_text(const PacketView &packet, std::string_view cmd);
 
-// A member's value for people: a text as it is, a list with commas.
+// A member's value as text, for people and for commands: a string without quotes, a list with
+// commas, anything else as JSON. An empty list is "(none)".
 std::string value_text(const Json &value);
 
-// JSON for scripts, in one line.
+// JSON in one line; bytes that are no UTF-8 become U+FFFD.
 std::string json_text(const Json &value);

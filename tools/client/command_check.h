@@ -1,16 +1,30 @@
 #pragma once
 
+// Tells what the daemon does with a command, and refuses those that would end it.
+// Stands on: client/packet.
+
 #include <string>
 #include <string_view>
 
-// The daemon ends, by design, on a JSON command that it cannot parse or that lacks the members it
-// is told by. Such commands are refused before they are sent.
+// By design the daemon ends when it gets a JSON command that it cannot parse, or that lacks a
+// member it needs. Check a command that a person has typed before you send it; commands that the
+// library makes need no check.
 
-struct CheckedCommand {
-    std::string text;   // the command as it is to be sent; empty when it is refused
-    std::string reason; // why it is refused
-    bool is_too_long = false;
+// Why a command is refused.
+enum class Harm {
+    none,         // it is not refused
+    ends_daemon,  // the daemon ends, and its supervisor starts it again
+    ignored,      // the daemon drops it without a word
+    read_in_part, // it is longer than the daemon reads
 };
 
-// Takes a JSON object, or, behind a "!", whatever the data source is to get.
+struct CheckedCommand {
+    std::string text;   // the payload to send; empty when the command is refused
+    std::string reason; // why it is refused, as the rest of a sentence: "it is not valid JSON"
+    Harm harm = Harm::none;
+    std::string effect; // what the daemon does with it: "it answers with ..."
+};
+
+// Takes a JSON object, or any text after a "!", which the daemon passes on to the camera's
+// program.
 CheckedCommand check_command(std::string_view text);

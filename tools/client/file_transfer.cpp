@@ -2,9 +2,9 @@
 
 #include "client/command_text.h"
 
-#include "base/text.h"
+#include "base/bytes.h"
 #include "net/relay_packet.h"
-#include "transfer/file_download.h"
+#include "transfer/file_piece_layout.h"
 
 #include <algorithm>
 #include <cmath>

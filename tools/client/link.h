@@ -1,108 +1,83 @@
 #pragma once
 
-#include "client/packet.h"
+// A UDP socket to the daemon that never blocks.
+// Stands on: client/clock, client/packet, client/registration.
 
-#include <chrono>
-#include <functional>
-#include <optional>
+#include "client/clock.h"
+#include "client/packet.h"
+#include "client/registration.h"
+
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
-struct StatusRecord;
+// A link may be used by one thread at a time. A program with a poll loop of its own uses it like
+// this (client/wait.h has calls that block, for programs without one):
+//
+//     Link link;
+//     open_link(link, "192.168.1.10", 5252);
+//     register_for(link.registration, Streams::everything, Clock::now());
+//     for (;;) {
+//         const TimePoint due = step_link(link, Clock::now());
+//         ... poll(): wait until link.socket is readable, or for `due` ...
+//         PacketView packet{};
+//         ReadResult result{};
+//         while ((result = read_packet(link, packet, Clock::now())) != ReadResult::nothing) {
+//             if (result == ReadResult::packet) { ... packet_kind(packet) ... }
+//         }
+//     }
 
-// The way to the daemon: one UDP socket, and what all commands do with it. One thread.
-
-using Clock = std::chrono::steady_clock;
-using TimePoint = Clock::time_point;
-TimePoint after(double seconds); // that long from now
-double seconds_since(TimePoint then);
-
-// Where the daemon is, as the command line says.
-struct Target {
-    std::string host = "127.0.0.1";
-    uint16_t port = 5252;
-    std::optional<double> timeout; // seconds; else what suits the command
-};
-constexpr double usual_timeout = 5.0;
-
-enum class Registration : signed char {
-    none = -1,
-    everything = 0,
-    data_only = 1,
+// How the calls of client/wait.h wait on this link.
+struct WaitOptions {
+    double timeout = 5.0;           // seconds that a program gives the daemon for an answer
+    bool (*is_stopped)() = nullptr; // if not null, called ten times a second: true ends the wait
+    int output = -1;                // if not -1, a descriptor: the wait ends when its reader leaves
 };
 
 struct Link {
-    int socket = -1;
+    int socket = -1;  // a descriptor to poll for reading; -1: not open
     std::string name; // "board.local:5252", for messages
-    double timeout = usual_timeout;
-    Registration registration = Registration::none; // set by keep_registered
-    TimePoint registration_due{};
-    int output = -1; // a descriptor whose reader may leave, watched while waiting; -1: none
-    std::vector<uint8_t> buffer;
+    Registration registration;
+    std::vector<uint8_t> buffer; // of the datagram that was read last
+    uint32_t dropped = 0;        // datagrams for which the socket had no room, before that one
+    WaitOptions wait;
 
     Link() = default;
     Link(const Link &) = delete;
     Link &operator=(const Link &) = delete;
-    ~Link(); // takes leave of the daemon
+    ~Link(); // closes it
 };
 
-// Opens the socket. False: a line on standard error says why.
-bool open_link(Link &link, const Target &target);
-
-// From now on receive() registers every few seconds, at first at once.
-void keep_registered(Link &link, Registration registration);
-
-// What is longer than what the daemon reads is not sent; a line on standard error says so.
-void send_payload(const Link &link, std::string_view payload);
-
-enum class Received {
-    packet,
-    timed_out,
-    refused,     // the other machine says that nobody listens there
-    stopped,     // by Ctrl-C or SIGTERM
-    output_gone, // nobody reads link.output any more
+enum class Opened {
+    opened,
+    host_unknown, // the host's name could not be resolved
+    unreachable,  // there is no socket, or no route
+};
+struct OpenOutcome {
+    Opened result;
+    std::string reason; // in the system's words; empty when it was opened
 };
 
-// Waits for the next packet, until the deadline at most; what is no packet is passed over. The
-// packet is valid until the next call.
-Received receive(Link &link, PacketView &packet, TimePoint deadline);
+// Opens a socket, close-on-exec, to a host name or IPv4 address. It receives from the daemon there
+// only. Nothing is sent yet, so the daemon need not be running. Blocks while a name is resolved. A
+// link that is open is closed first.
+OpenOutcome open_link(Link &link, const std::string &host, uint16_t port);
 
-// Passes over what comes until the deadline, or until there is something else than a packet.
-void pass_over_packets(Link &link, TimePoint deadline);
+// Ends the registration, if there is one, and closes the socket. The link can be opened again.
+void close_link(Link &link);
 
-// Waits for the next status record; only clients that are registered get them.
-Received next_status(Link &link, StatusRecord &record, TimePoint deadline);
+// Sends a payload to the daemon. It may get lost here or on the way. False: it is longer than
+// largest_client_payload, and was not sent.
+bool send_payload(const Link &link, std::string_view payload);
 
-enum class Outcome {
-    answered,
-    silent,
-    refused,
-    stopped,
+// Sends the registration if it is due. Returns when to call this again; TimePoint::max(): never.
+TimePoint step_link(Link &link, TimePoint now);
+
+enum class ReadResult {
+    packet,  // a packet of the daemon, valid until the next read
+    other,   // a datagram that is not a packet; it was dropped
+    refused, // nothing listens on the daemon's port
+    nothing, // there is nothing to read
 };
-
-// Sends a payload, `tries` times in all, spread over `seconds`, until take() says that a packet was
-// what had to come.
-Outcome request(Link &link, std::string_view payload, double seconds, int tries,
-                const std::function<bool(const PacketView &)> &take);
-
-// Asks who is there, over link.timeout.
-Outcome ask_board(Link &link, BoardInfo &info);
-
-// Opens the link and sees that the daemon is there. Returns an exit code; if it is not exit_ok, a
-// line on standard error has said why.
-int reach_board(Link &link, const Target &target, BoardInfo &info);
-
-// True: the daemon had no place for another client, and a line on standard error says so.
-bool report_full_house(const BoardInfo &info);
-
-// Says on standard error why there was no answer, and returns the exit code.
-int report_silence(const Link &link, Outcome outcome);
-
-// "beaconctl: ..." on standard error; returns exit_failed.
-int fail(const std::string &what);
-
-// Ctrl-C and SIGTERM from now on only make stop_requested() true; a broken pipe is an error of
-// write().
-void catch_stop_signals();
-bool stop_requested();
-void forget_stop(); // stop_requested() is false until the next signal
+ReadResult read_packet(Link &link, PacketView &packet, TimePoint now);

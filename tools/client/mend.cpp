@@ -11,7 +11,7 @@ static unsigned byte_at(std::string_view text, size_t at) {
     return static_cast<unsigned char>(text[at]);
 }
 
-// How many bytes a character that starts with this byte takes; 0: none starts so.
+// The length of a UTF-8 character that starts with this byte; 0: none does.
 static size_t sequence_length(unsigned first) {
     if (first < 0x80) {
         return 1;
@@ -25,8 +25,8 @@ static size_t sequence_length(unsigned first) {
     return first >= 0xF0 && first < 0xF5 ? 4 : 0;
 }
 
-// The length of the valid character at `at`; 0 when there is none. Refuses what is longer than
-// needed, surrogates and numbers past the last character.
+// The length of the valid character at `at`; 0 when there is none. Overlong forms, surrogates and
+// numbers past the last character are not valid.
 static size_t character_length(std::string_view text, size_t at) {
     const unsigned first = byte_at(text, at);
     const size_t length = sequence_length(first);
@@ -54,13 +54,17 @@ std::string mend_utf8(std::string_view text) {
     return mended;
 }
 
+bool is_mended(std::string_view text) {
+    return text.find(replacement) != std::string_view::npos;
+}
+
 static char next_mark(std::string_view text, size_t at) {
     const size_t found = text.find_first_not_of(blanks, at);
     return found == std::string_view::npos ? '\0' : text[found];
 }
 
-// Does the quote at `at`, seen within a string, end it? What follows a name is a colon, what
-// follows a value is the end of its object or list, or a comma and the next thing.
+// Does the quote at `at`, met inside a string, end the string? A name is followed by a colon; a
+// value by the end of its object or list, or by a comma and the next item.
 static bool ends_string(std::string_view text, size_t at) {
     const size_t next = text.find_first_not_of(blanks, at + 1);
     if (next == std::string_view::npos) {
@@ -71,11 +75,12 @@ static bool ends_string(std::string_view text, size_t at) {
         return true;
     }
     if (mark == '}') {
-        const char behind = next_mark(text, next + 1);
-        return behind == '\0' || behind == ',' || behind == ']' || behind == '}';
+        const char following = next_mark(text, next + 1);
+        return following == '\0' || following == ',' || following == ']' || following == '}';
     }
-    const char behind = mark == ',' ? next_mark(text, next + 1) : 'x';
-    return behind == '"' || behind == '}' || behind == ']' || behind == '{' || behind == '\0';
+    const char following = mark == ',' ? next_mark(text, next + 1) : 'x';
+    return following == '"' || following == '}' || following == ']' || following == '{' ||
+           following == '\0';
 }
 
 static void append_in_string(std::string &out, char c) {
@@ -96,8 +101,11 @@ static void append_in_string(std::string &out, char c) {
 }
 
 static bool is_needless_comma(std::string_view text, size_t at) {
-    const char behind = next_mark(text, at + 1);
-    return text[at] == ',' && (behind == '}' || behind == ']');
+    if (text[at] != ',') {
+        return false;
+    }
+    const char following = next_mark(text, at + 1);
+    return following == '}' || following == ']';
 }
 
 std::string mend_answer(std::string_view answer) {

@@ -1,70 +1,68 @@
 #pragma once
 
+// Reads datagrams from the daemon, and makes those for it.
+// Stands on: net/relay_packet.
+
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <span>
 #include <string>
 #include <string_view>
 
-// What comes from the daemon and goes to it: relay packets (net/relay_packet.h has the layout), and
-// the kinds of payload that a client has to tell apart.
+// The functions here may be called by any thread. docs/protocol.md describes the packets.
 
-// A datagram of the daemon; the payload belongs to the buffer it was read from.
+// A datagram of the daemon. The payload belongs to the buffer that the datagram was read into.
 struct PacketView {
-    uint8_t type;
+    uint8_t type; // a RelayType
     uint32_t sequence;
     std::span<const uint8_t> payload;
 };
 
-// Nothing when the datagram is no relay packet, or says another length than it has.
+// Nothing when the datagram is not a relay packet, or has another length than it says.
 std::optional<PacketView> parse_packet(std::span<const uint8_t> datagram);
 
-// The datagram that carries a client's payload.
-std::string client_datagram(std::string_view payload);
+enum class PacketKind {
+    info,        // who is there: parse_info()
+    status,      // the status record, ten times a second: client/status_record.h
+    menu_notice, // a stick moved the radio-control menu; byte 1 of the payload is the event
+    data,        // telemetry, or a daemon's answer: client/answers.h has answer_text()
+    video,       // a block of the H.264 stream: client/stream_start.h
+    audio,
+    camera,     // a block of the board's own camera's H.264 stream
+    file_piece, // client/file_fetch.h
+    unknown,    // of a later protocol
+};
 
-// The longest payload that the daemon reads whole. It takes a longer one in part, which ends it
-// when a command is cut by that.
-constexpr size_t largest_client_payload = 30000 - 12;
-
-// The first byte of a client's payload.
-constexpr char ask_info = 0;
-constexpr char ask_register = 2; // byte 1: 1 for data only
-constexpr char ask_remove = 3;
-constexpr char ask_gimbal = 5; // byte 1: 0, then three i16
-
-// The status record, which comes ten times a second; status_record.h reads it.
-bool is_status_payload(std::span<const uint8_t> payload);
-bool is_status(const PacketView &packet);
-bool is_menu_notice(const PacketView &packet); // a stick moved the radio-control menu
+// Telemetry is whatever the camera's program sends. If it looks like one of the other kinds of
+// data, it is taken for that.
+PacketKind packet_kind(const PacketView &packet);
 
 std::string_view payload_text(const PacketView &packet);
 
-// The answer to ask_info.
+// Who is there.
 struct BoardInfo {
-    uint8_t app_type;
-    int client_count;
-    std::string name;
+    uint8_t app_type;  // what the board carries
+    int client_count;  // that are registered; counted once a second
+    std::string name;  // as the board has it, in any encoding
+    uint32_t sequence; // of the packet: a daemon that was started again counts from 0
 };
-std::optional<BoardInfo> parse_info(const PacketView &packet);
+std::optional<BoardInfo> parse_info(const PacketView &packet); // nothing for another kind
 
-// The gimbal request; each value is -1 to 1.
+constexpr int most_clients = 10; // that can be registered with a daemon
+
+// The datagram that carries a payload to the daemon.
+std::string client_datagram(std::string_view payload);
+
+// The longest payload that the daemon reads whole. It cuts a longer one, and a command that was cut
+// ends the daemon.
+constexpr size_t largest_client_payload = 30000 - 12;
+
+// The payload that asks who is there; client/request.h asks with it.
+std::string info_payload();
+
+// The payload that asks the camera's program to take a photo. It does not answer.
+std::string shot_payload();
+
+// The payload that moves the gimbal; each value is -1 to 1, and holds until the next ones come.
 std::string gimbal_payload(double pan, double tilt, double roll);
-
-// Counts what is missing in the daemon's one sequence of packets. A packet that was overtaken is
-// not missing once it has come. A number far behind means that the daemon has started again: the
-// count goes on from there.
-struct SequenceCount {
-    bool started = false;
-    uint32_t expected = 0;
-    uint64_t lost = 0;
-    std::set<uint32_t> missing; // the latest of those passed over
-};
-
-enum class Arrival {
-    in_order,
-    late,     // it was missing until now
-    repeated, // it has come before
-};
-Arrival count_packet(SequenceCount &count, uint32_t sequence);

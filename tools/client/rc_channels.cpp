@@ -1,14 +1,16 @@
 #include "client/rc_channels.h"
 
 #include "client/answers.h"
+#include "client/command_text.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
-constexpr int moved_distance = 100; // between a channel's ends, for it to count as moved
-constexpr int trembling = 20;       // a stick that nobody touches stays within
+constexpr int moved_distance = 100; // from one end to the other, for a channel that was moved
+constexpr int channel_tries = 5;
+constexpr int trembling = 20; // an untouched stick varies by less
 
 static double number_of(const Json &object, const char *name) {
     const auto found = object.find(name);
@@ -46,7 +48,32 @@ std::optional<ReceiverAnswer> parse_receiver(std::string_view answer) {
     return receiver;
 }
 
-static std::string function_text(int function) {
+static bool take_channels(const PacketView &packet, ReceiverAnswers &receivers,
+                          std::array<bool, 2> &has_come) {
+    for (size_t i = 0; i < receivers.size(); ++i) {
+        const auto text = answer_text(packet, i == 0 ? "rc1" : "rc2");
+        if (const auto parsed = text ? parse_receiver(*text) : std::nullopt) {
+            receivers[i] = *parsed;
+            has_come[i] = true;
+        }
+    }
+    return has_come[0] && has_come[1];
+}
+
+Request channels_request(double seconds, ReceiverAnswers &receivers) {
+    return make_request(
+        command_text({{"cmd", "rc"}, {"param", "get-channels"}}), seconds, channel_tries,
+        [&receivers, has_come = std::array<bool, 2>{}](const PacketView &packet) mutable {
+            return take_channels(packet, receivers, has_come);
+        });
+}
+
+// The protocol counts the receivers from 0.
+static std::string index_text(int receiver) {
+    return std::to_string(receiver - 1);
+}
+
+std::string function_text(int function) {
     switch (function) {
     case 0:
         return "-";
@@ -69,46 +96,26 @@ static std::string function_text(int function) {
     }
 }
 
-static std::string channel_line(size_t number, const ChannelAnswer &channel) {
-    char text[160];
-    snprintf(text, sizeof text, "  %2zu  %5d  %5d  %6d  %5d  %6.3f  %9d  %4d%%  %-3s  %s", number,
-             channel.raw, channel.min, channel.centre, channel.max, channel.value,
-             channel.dead_band, channel.limit, channel.is_inverted ? "yes" : "no",
-             function_text(channel.function).c_str());
-    return text;
-}
-
-std::vector<std::string> receiver_lines(int number, const ReceiverAnswer &receiver) {
-    constexpr std::array states = {"absent", "present", "calibrating"};
-    const auto state = static_cast<size_t>(receiver.state);
-    std::vector<std::string> lines = {
-        "RC" + std::to_string(number) + " " +
-        (state < states.size() ? states[state] : "state " + std::to_string(receiver.state))};
-    if (receiver.state == rc_absent) {
-        return lines;
-    }
-    lines.emplace_back(
-        "  ch    raw    min  centre    max   value  dead band  limit  inv  function");
-    size_t channel_number = 0;
-    for (const ChannelAnswer &channel : receiver.channels) {
-        lines.push_back(channel_line(++channel_number, channel));
-    }
-    return lines;
-}
-
-std::string moved_channels(const ReceiverAnswer &receiver) {
-    std::string list;
-    size_t number = 0;
+std::vector<int> moved_channels(const ReceiverAnswer &receiver) {
+    std::vector<int> numbers;
+    int number = 0;
     for (const ChannelAnswer &channel : receiver.channels) {
         ++number;
         if (channel.max - channel.min >= moved_distance) {
-            list += (list.empty() ? "" : ", ") + std::to_string(number);
+            numbers.push_back(number);
         }
     }
-    return list.empty() ? "none" : list;
+    return numbers;
 }
 
-std::string channel_list(const ReceiverAnswer &receiver) {
+std::string calibration_command(CalibrationStep step, int receiver) {
+    const char *param = step == CalibrationStep::begin_ends    ? "calibrate-minmax"
+                        : step == CalibrationStep::finish_ends ? "finish-minmax"
+                                                               : "set-center";
+    return command_text({{"cmd", "rc"}, {"param", param}, {"value", index_text(receiver)}});
+}
+
+static std::string channel_list(const ReceiverAnswer &receiver) {
     Json channels = Json::array();
     int number = 0;
     for (const ChannelAnswer &channel : receiver.channels) {
@@ -116,6 +123,13 @@ std::string channel_list(const ReceiverAnswer &receiver) {
             {{"ch", ++number}, {"min", channel.min}, {"c", channel.centre}, {"max", channel.max}});
     }
     return json_text(channels);
+}
+
+std::string restore_command(int receiver, const ReceiverAnswer &values) {
+    return command_text({{"cmd", "rc"},
+                         {"param", "set-config"},
+                         {"value", index_text(receiver)},
+                         {"value2", channel_list(values)}});
 }
 
 bool is_calibrated_alike(const ReceiverAnswer &one, const ReceiverAnswer &other) {

@@ -1,46 +1,54 @@
 #include "client/section.h"
 
-#include "beaconctl/exit_codes.h"
 #include "client/command_text.h"
 #include "client/setting_rows.h"
 
-#include <nlohmann/json.hpp>
+#include <utility>
 
-static std::string section_list() {
-    std::string list;
-    for (const char *name : section_names()) {
-        list += (list.empty() ? "" : " ") + std::string(name);
+constexpr int section_tries = 3;
+
+// An answer does not name its section, and may be a second answer to an earlier question.
+static bool belongs_to(const Json &settings, const std::string &section) {
+    for (const SettingRow &row : setting_rows()) {
+        if (row.section == nullptr || row.section != section) {
+            continue;
+        }
+        for (const SettingField &field : row.fields) {
+            if (!settings.contains(field.member)) {
+                return false;
+            }
+        }
     }
-    return list;
+    return true;
 }
 
-int ask_section(Link &link, const std::string &section, Json &answer) {
-    const std::string command = command_text({{"cmd", "config_request"}, {"param", section}});
-    std::optional<Json> parsed;
-    const auto take = [&](const PacketView &packet) {
-        const auto text = answer_text(packet, "config_answer");
-        if (!text) {
-            return false;
-        }
-        parsed = parse_answer(*text);
-        // While another client's question about the display is being answered, ours is not.
-        return section != "display" || !parsed || parsed->size() > 1;
-    };
-    const Outcome outcome = request(link, command, link.timeout, 3, take);
-    if (outcome != Outcome::answered) {
-        if (parsed) {
-            return fail("the display is being asked about by somebody else: try again");
-        }
-        return report_silence(link, outcome);
+static bool take_section(const PacketView &packet, const std::string &section,
+                         SectionAnswer &answer) {
+    const auto text = answer_text(packet, "config_answer");
+    if (!text) {
+        return false;
     }
-    if (!parsed) {
-        return fail("the board's answer cannot be read: it was cut, or a text in it holds quotes "
-                    "that end it");
+    auto settings = parse_answer(*text);
+    if (!settings) {
+        answer.result = SectionResult::unreadable;
+        return true;
     }
-    answer = std::move(*parsed);
-    answer.erase("cmd");
-    if (answer.empty()) {
-        return fail("there is no section \"" + section + "\"; there are: " + section_list());
+    settings->erase("cmd");
+    if (settings->empty()) {
+        const bool is_busy = section == "display";
+        answer.result = is_busy ? SectionResult::busy : SectionResult::unknown;
+        return !is_busy;
     }
-    return exit_ok;
+    if (!belongs_to(*settings, section)) {
+        return false;
+    }
+    answer = {SectionResult::settings, std::move(*settings)};
+    return true;
+}
+
+Request section_request(const std::string &section, double seconds, SectionAnswer &answer) {
+    return make_request(command_text({{"cmd", "config_request"}, {"param", section}}), seconds,
+                        section_tries, [section, &answer](const PacketView &packet) {
+                            return take_section(packet, section, answer);
+                        });
 }

@@ -1,8 +1,7 @@
 #include "client/setting_rows.h"
 
-#include <algorithm>
-#include <array>
-#include <cctype>
+#include "client/command_text.h"
+
 #include <charconv>
 
 constexpr SettingType flag = SettingType::flag;
@@ -78,10 +77,10 @@ constexpr SettingField osd_borders[] = {{"osd_borders", "osd_borders", flag}};
 constexpr SettingField cvbs_fields[] = {
     {"standard", nullptr, text}, // PAL or NTSC
     {"aspect", nullptr, text},   // 4:3, 14:9 or 16:9
-    {"scan", nullptr, text},     // P, or nothing
+    {"scan", nullptr, text},     // P, or empty
 };
 constexpr SettingField hdmi_fields[] = {
-    {"group", nullptr, text}, // CEA or DMT; nothing: what the screen prefers
+    {"group", nullptr, text}, // CEA or DMT; empty: what the screen prefers
     {"mode", nullptr, text},
 };
 constexpr SettingField app_type_fields[] = {
@@ -177,153 +176,13 @@ std::span<const char *const> section_names() {
     return sections;
 }
 
-std::pair<const SettingRow *, size_t> find_setting_row(std::span<const std::string> words) {
-    for (const SettingRow &row : rows) {
-        if (words.empty() || words[0] != row.param) {
-            continue;
-        }
-        if (row.sub == nullptr) {
-            return {&row, 1};
-        }
-        if (words.size() > 1 && words[1] == row.sub) {
-            return {&row, 2};
-        }
-    }
-    return {nullptr, 0};
+bool can_cut_link(const SettingRow &row) {
+    const std::string_view param = row.param;
+    return param == "ethernet" || param == "wlan" || row.ends_daemon;
 }
 
-std::string usage_line(const SettingRow &row) {
-    std::string line = row.param;
-    line += row.sub == nullptr ? "" : std::string(" ") + row.sub;
-    const size_t needed = row.fields.size() - row.optional;
-    for (size_t i = 0; i < row.fields.size(); ++i) {
-        const bool is_flag = row.fields[i].type == SettingType::flag;
-        const std::string field = std::string(row.fields[i].key) + (is_flag ? ":0|1" : "");
-        line += i < needed ? " <" + field + ">" : " [" + field + "]";
-    }
-    return line;
-}
-
-// The field of that name; the number of fields when there is none.
-static size_t field_named(const SettingRow &row, std::string_view name) {
-    const auto found = std::find_if(row.fields.begin(), row.fields.end(), [&](const auto &field) {
-        return name == field.key || (field.member != nullptr && name == field.member);
-    });
-    return static_cast<size_t>(found - row.fields.begin());
-}
-
-// Splits NAME=VALUE when NAME is a field's; else the field is the number of fields.
-static std::pair<size_t, std::string> named_value(const SettingRow &row, std::string_view word) {
-    const size_t equals = word.find('=');
-    if (equals == std::string_view::npos) {
-        return {row.fields.size(), ""};
-    }
-    return {field_named(row, word.substr(0, equals)), std::string(word.substr(equals + 1))};
-}
-
-static bool is_number(std::string_view value) {
-    int parsed = 0;
-    const auto result = std::from_chars(value.data(), value.data() + value.size(), parsed);
-    return result.ec == std::errc() && result.ptr == value.data() + value.size();
-}
-
-// Flags may be told in words. False: the field cannot have this value.
-static bool accept_value(const SettingField &field, std::string &value) {
-    constexpr std::array on = {"1", "on", "yes"};
-    constexpr std::array off = {"0", "off", "no"};
-    if (field.type == SettingType::flag) {
-        const bool is_on = std::find(on.begin(), on.end(), value) != on.end();
-        const bool is_off = std::find(off.begin(), off.end(), value) != off.end();
-        value = is_on ? "1" : "0";
-        return is_on || is_off;
-    }
-    return field.type == SettingType::text || is_number(value);
-}
-
-// Is the word meant as NAME=VALUE, whatever the name?
-static bool is_assignment(std::string_view word) {
-    const size_t equals = word.find('=');
-    return equals != std::string_view::npos && equals > 0 &&
-           std::all_of(word.begin(), word.begin() + static_cast<std::ptrdiff_t>(equals),
-                       [](unsigned char c) { return isalnum(c) != 0 || c == '_'; });
-}
-
-// "its names: stream_srt_enabled (srt_enabled), stream_srt_url (srt_url)".
-static std::string name_list(const SettingRow &row) {
-    std::string list;
-    for (const SettingField &field : row.fields) {
-        list += (list.empty() ? "its names: " : ", ") + std::string(field.key);
-        if (field.member != nullptr && std::string_view(field.member) != field.key) {
-            list += " (" + std::string(field.member) + ")";
-        }
-    }
-    return list.empty() ? "it takes no values" : list;
-}
-
-static std::string no_name_error(const SettingRow &row, const std::string &word) {
-    return "\"" + word + "\" is no NAME=VALUE of this param; " + name_list(row);
-}
-
-static std::string usage_error(const SettingRow &row, const std::string &what) {
-    return what + "; usage: beaconctl set " + usage_line(row);
-}
-
-static GivenValues read_named(const SettingRow &row, std::span<const std::string> words) {
-    GivenValues given{std::vector<std::optional<std::string>>(row.fields.size()), ""};
-    for (const std::string &word : words) {
-        const auto [field, value] = named_value(row, word);
-        if (field == row.fields.size()) {
-            given.error = no_name_error(row, word);
-            return given;
-        }
-        given.values[field] = value;
-    }
-    return given;
-}
-
-static GivenValues read_in_order(const SettingRow &row, std::span<const std::string> words) {
-    GivenValues given{std::vector<std::optional<std::string>>(row.fields.size()), ""};
-    const size_t most = row.fields.size();
-    const bool is_count_wrong = words.size() > most || words.size() < most - row.optional;
-    const auto assignment = std::find_if(words.begin(), words.end(), is_assignment);
-    if (is_count_wrong && assignment != words.end()) {
-        given.error = no_name_error(row, *assignment);
-        return given;
-    }
-    if (is_count_wrong) {
-        given.error = usage_error(row, std::to_string(words.size()) + " values given where " +
-                                           std::to_string(most) + " are taken" +
-                                           (most > 1 ? " (or NAME=VALUE for some)" : ""));
-        return given;
-    }
-    std::copy(words.begin(), words.end(), given.values.begin());
-    return given;
-}
-
-GivenValues read_values(const SettingRow &row, std::span<const std::string> words) {
-    const bool is_named = std::any_of(words.begin(), words.end(), [&](const std::string &word) {
-        return named_value(row, word).first < row.fields.size();
-    });
-    GivenValues given = is_named ? read_named(row, words) : read_in_order(row, words);
-    for (size_t i = 0; given.error.empty() && i < given.values.size(); ++i) {
-        auto &value = given.values[i];
-        const std::string said = value.value_or("");
-        if (value && !accept_value(row.fields[i], *value)) {
-            const bool is_flag = row.fields[i].type == SettingType::flag;
-            if (!is_named && is_assignment(said)) {
-                given.error = no_name_error(row, said);
-                break;
-            }
-            given.error = std::string(row.fields[i].key) + " takes " +
-                          (is_flag ? "0 or 1" : "a number") + ", not \"" + said + "\"";
-        }
-    }
-    return given;
-}
-
-std::vector<std::pair<std::string, std::string>>
-command_members(const SettingRow &row, std::span<const std::string> values) {
-    std::vector<std::pair<std::string, std::string>> members = {{"param", row.param}};
+std::string update_command(const SettingRow &row, std::span<const std::string> values) {
+    TextMembers members = {{"cmd", "updateconfig"}, {"param", row.param}};
     if (row.sub != nullptr) {
         members.emplace_back("value", row.sub);
     }
@@ -336,7 +195,7 @@ command_members(const SettingRow &row, std::span<const std::string> values) {
         members.emplace_back("value" + suffix, value);
         ++value_number;
     }
-    return members;
+    return command_text(members);
 }
 
 bool is_same_value(const SettingField &field, std::string_view sent, std::string_view reported) {

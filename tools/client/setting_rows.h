@@ -1,5 +1,8 @@
 #pragma once
 
+// The table of the settings that a client can change, and the commands that change them.
+// Stands on: client/command_text.
+
 #include <optional>
 #include <span>
 #include <string>
@@ -7,8 +10,9 @@
 #include <utility>
 #include <vector>
 
-// What "updateconfig" can change: its params, their sub-commands and the values each takes, in the
-// order of the values. docs/settings.md says what every setting means.
+// A row is one "param" of the command "updateconfig", or one sub-command of it, with the values it
+// takes in their order. docs/settings.md says what each setting means. The functions may be called
+// by any thread.
 
 enum class SettingType {
     flag,   // 0 or 1
@@ -17,47 +21,33 @@ enum class SettingType {
 };
 
 struct SettingField {
-    const char *key;    // in the configuration file; for what is no setting, a name of our own
-    const char *member; // of the section's answer; null: it cannot be read back
+    const char *key;    // the setting's; a name of our own for a value that is not stored
+    const char *member; // in the section's answer; null: it cannot be read back
     SettingType type;
 };
 
 struct SettingRow {
     const char *param;
-    const char *sub = nullptr;     // null: there are no sub-commands
-    const char *section = nullptr; // whose answer tells the values; null: none does
+    const char *sub = nullptr;     // the sub-command; null: the param has none
+    const char *section = nullptr; // the section that has the values; null: none has
     std::span<const SettingField> fields{};
-    int first_value = 0; // the number of the first field's member; 0: 1, or 2 behind a sub-command
-    size_t optional = 0; // how many fields at the end may be left out
-    bool ends_daemon = false; // the daemon ends, and is started anew, with the new value
+    int first_value = 0;      // number of the first field's member; 0: 1, or 2 after a sub-command
+    size_t optional = 0;      // how many fields at the end may be empty
+    bool ends_daemon = false; // the daemon stores the values, ends, and is started again
 };
 
 std::span<const SettingRow> setting_rows();
 
-// The sections that can be asked for.
+// The names of all sections; client/section.h asks for one.
 std::span<const char *const> section_names();
 
-// The row that the words name, and how many of them that took (the param, and the sub-command where
-// there is one). Null and 0 when they name none.
-std::pair<const SettingRow *, size_t> find_setting_row(std::span<const std::string> words);
+// Can a change of the row's values cut the way to the board, or end the daemon?
+bool can_cut_link(const SettingRow &row);
 
-// "display hflip <display_hflip:0|1>": how the row is used.
-std::string usage_line(const SettingRow &row);
+// The command that sets the row's values. `values` has one text for each field. The daemon does not
+// answer it: ask for the section to see what became of it.
+std::string update_command(const SettingRow &row, std::span<const std::string> values);
 
-// The values that the words give, one for each field; nothing for a field that is to keep its
-// value. The words are all of the values in order, or NAME=VALUE for those that change, NAME being
-// the setting's key or the name that its section's answer has for it.
-struct GivenValues {
-    std::vector<std::optional<std::string>> values;
-    std::string error; // why the words cannot be taken; else empty
-};
-GivenValues read_values(const SettingRow &row, std::span<const std::string> words);
-
-// The members "param" and "value" to "value16" of the command, by name. `values` has one for each
-// field.
-std::vector<std::pair<std::string, std::string>>
-command_members(const SettingRow &row, std::span<const std::string> values);
-
-// Is what the daemon reports the value that was sent? Numbers count as numbers, and an empty
-// network mask may have become the usual one.
+// Is the value that the daemon reports the one that was sent? Numbers are compared as numbers, and
+// an empty network mask may have become 255.255.255.0.
 bool is_same_value(const SettingField &field, std::string_view sent, std::string_view reported);

@@ -4,9 +4,9 @@
 
 constexpr std::string_view start_code{"\0\0\1", 3};
 constexpr unsigned parameter_set_type = 7;
-constexpr size_t longest_begun = 4; // a zero byte, the start code, and not yet its type
+constexpr size_t longest_begun = 4; // a zero byte and the start code, without its type
 
-// Where the stream can be begun; npos when nowhere yet.
+// Where a decoder can begin; npos: nowhere yet.
 static size_t find_parameter_set(std::string_view stream) {
     for (size_t at = stream.find(start_code); at != std::string_view::npos;
          at = stream.find(start_code, at + 1)) {

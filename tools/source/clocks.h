@@ -1,5 +1,8 @@
 #pragma once
 
+// Reads the clocks, and times what is done at a steady rate.
+// Stands on: nothing else of ours.
+
 #include <cstdint>
 #include <ctime>
 
@@ -13,15 +16,23 @@ inline int64_t monotonic_ns() {
     return int64_t{now.tv_sec} * nanoseconds_per_second + now.tv_nsec;
 }
 
-// Something that is done at a steady rate.
+// The time of day in milliseconds modulo 2^32, as the shared radio-control block has it.
+inline uint32_t wall_clock_ms() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<uint32_t>(now.tv_sec * int64_t{1000} +
+                                 now.tv_nsec / nanoseconds_per_millisecond);
+}
+
+// Something done at a steady rate.
 struct Beat {
     int64_t interval = 0; // nanoseconds
     int64_t due = 0;      // monotonic_ns; 0: at once
     uint64_t count = 0;   // how often it was due
 };
 
-// Is the beat due at `now`? Then it is counted, and is due again one interval after it was due. A
-// delay of many intervals (the machine slept) is not made up for.
+// Is the beat due at `now`? If so, it is counted, and is due again one interval later. After a
+// delay of many intervals (the machine slept) the missed ones are skipped.
 inline bool beat_is_due(Beat &beat, int64_t now) {
     constexpr int64_t most_to_catch_up = 5;
     if (now < beat.due) {

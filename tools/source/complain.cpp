@@ -1,5 +1,6 @@
 #include "source/complain.h"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 
@@ -9,5 +10,5 @@ void complain(const char *format, ...) {
     va_start(arguments, format);
     vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
-    fprintf(stderr, "beacon-sim: %s\n", line);
+    fprintf(stderr, "%s: %s\n", program_invocation_short_name, line);
 }

@@ -1,11 +1,13 @@
 #include "source/ring_writer.h"
 
-#include "base/text.h"
-#include "media/frame_ring_layout.h"
 #include "source/clocks.h"
+
+#include "base/bytes.h"
+#include "media/frame_ring_layout.h"
 
 #include <atomic>
 #include <cstring>
+#include <fcntl.h>
 
 constexpr uint32_t identifier_mask = 0xFFFFFF;
 
@@ -35,8 +37,24 @@ RingWriter begin_ring(uint8_t *base, uint32_t frame_capacity) {
 }
 
 bool ring_has_room(const RingWriter &ring) {
-    // In a ring full to the last slot the free one is the one that the daemon still reads.
+    // In a full ring the only free slot is the one that the daemon may still be reading.
     return !is_ready(ring, ring.slot) && !is_ready(ring, (ring.slot + 1) % ring_slot_count);
+}
+
+bool reserve_frame(const RingWriter &ring, int fd, size_t size) {
+    return fallocate(fd, FALLOC_FL_KEEP_SIZE,
+                     static_cast<off_t>(slot_at(ring, ring.slot) - ring.base),
+                     static_cast<off_t>(slot_data_at + size)) == 0;
+}
+
+bool ring_is_out_of_step(const RingWriter &ring) {
+    const unsigned read_index = ring_read_index(ring);
+    if (read_index == ring.slot || is_ready(ring, read_index)) {
+        return false;
+    }
+    // Every slot from there up to the next one to fill should be ready, unless the daemon has just
+    // taken it.
+    return ring_read_index(ring) == read_index;
 }
 
 int64_t publish_frame(RingWriter &ring, const uint8_t *data, uint32_t length) {
@@ -47,7 +65,7 @@ int64_t publish_frame(RingWriter &ring, const uint8_t *data, uint32_t length) {
     put_u16(slot + slot_identifier_at, static_cast<uint16_t>(ring.identifier & 0xFFFF));
     slot[slot_identifier_byte_at] = static_cast<uint8_t>(ring.identifier >> 16);
     const int64_t published = monotonic_ns();
-    // Last: from here on the slot is the daemon's.
+    // Last, because now the slot belongs to the daemon.
     std::atomic_ref<uint8_t>(slot[slot_ready_at]).store(1, std::memory_order_release);
     ring.slot = (ring.slot + 1) % ring_slot_count;
     return published;

@@ -11,7 +11,7 @@
 
 constexpr const char *folder = "/dev/shm";
 
-// The name without the slash that it may begin with.
+// The name without its leading slash, if it has one.
 static const char *bare(const char *name) {
     return *name == '/' ? name + 1 : name;
 }
@@ -28,13 +28,13 @@ bool check_shared_memory() {
     }
     struct stat information {};
     if (stat(folder, &information) != 0 || !S_ISDIR(information.st_mode)) {
-        complain("cannot use %s: it is no folder", folder);
+        complain("cannot use %s: it is not a directory", folder);
         return false;
     }
     return true;
 }
 
-SharedObjectResult map_shared_object(const char *name, size_t size, uint8_t **at) {
+SharedObjectResult map_shared_object(const char *name, size_t size, uint8_t **at, int *kept) {
     const int fd = shm_open(name, O_RDWR, 0600);
     if (fd < 0) {
         return errno == ENOENT ? SharedObjectResult::absent : fail(name);
@@ -45,11 +45,16 @@ SharedObjectResult map_shared_object(const char *name, size_t size, uint8_t **at
         return SharedObjectResult::absent;
     }
     void *mapping = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    const int error = errno;
-    close(fd);
     if (mapping == MAP_FAILED) {
+        const int error = errno;
+        close(fd);
         errno = error;
         return fail(name);
+    }
+    if (kept != nullptr) {
+        *kept = fd;
+    } else {
+        close(fd);
     }
     *at = static_cast<uint8_t *>(mapping);
     return SharedObjectResult::mapped;

@@ -10,7 +10,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-int open_signals() {
+int open_signals(bool takes_reread) {
     sigset_t taken;
     sigemptyset(&taken);
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) {
@@ -19,6 +19,9 @@ int open_signals() {
         if (action.sa_handler != SIG_IGN) {
             sigaddset(&taken, number);
         }
+    }
+    if (takes_reread) {
+        sigaddset(&taken, SIGUSR1);
     }
     signal(SIGPIPE, SIG_IGN);
     sigprocmask(SIG_BLOCK, &taken, nullptr);
@@ -34,7 +37,14 @@ SignalKind take_signal(int fd) {
     if (read(fd, &information, sizeof information) != static_cast<ssize_t>(sizeof information)) {
         return SignalKind::none;
     }
-    return information.ssi_signo == SIGTSTP ? SignalKind::suspend : SignalKind::stop;
+    switch (information.ssi_signo) {
+    case SIGTSTP:
+        return SignalKind::suspend;
+    case SIGUSR1:
+        return SignalKind::reread;
+    default:
+        return SignalKind::stop;
+    }
 }
 
 bool wait_for_stop(int fd, int milliseconds) {

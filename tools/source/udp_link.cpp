@@ -22,7 +22,7 @@ bool open_udp_link(UdpLink &link, uint16_t port) {
     return true;
 }
 
-// Takes note of an answer that nobody listens: on the loopback it comes at once, as a rule.
+// Notes that nothing listens. On the loopback that answer usually comes at once.
 static bool take_refusal(const UdpLink &link) {
     int error = 0;
     socklen_t size = sizeof error;

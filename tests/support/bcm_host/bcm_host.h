@@ -1,9 +1,9 @@
 #pragma once
 
-// The one function of the VideoCore host library that the daemon calls, for a build of the daemon
-// that calls it on a machine without that library.
+// Stands in for the VideoCore host library, so that a daemon that calls it can be built on a
+// machine without it. It has the one function that the daemon calls.
 
 extern "C" {
-// Says on standard error that it was called.
+// Prints a line on standard error.
 void bcm_host_init(void);
 }

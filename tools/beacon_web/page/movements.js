@@ -1,0 +1,77 @@
+// The movement list.
+
+import {$, get, make, post, put, tell} from "./api.js";
+
+// In the order of the list, see docs/settings.md.
+const columns = ["Pan", "Tilt", "Roll", "Zoom", "Exposure", "Focus x", "Focus y", "Delay s", "Shot", "Manual focus", "Hold"];
+const most = 20;
+
+function addStep(values = []) {
+    const body = $("steps").tBodies[0];
+    if (body.rows.length >= most) {
+        $("steps-said").textContent = `The board keeps at most ${most} movements.`;
+        return;
+    }
+    const number = body.rows.length + 1;
+    const row = body.insertRow();
+    row.append(make("th", {scope: "row", textContent: number}));
+    columns.forEach((name, i) => {
+        const input = make("input", {value: values[i] ?? "", size: 4, inputMode: "decimal"});
+        input.setAttribute("aria-label", `${name}, movement ${number}`);
+        row.insertCell().append(input);
+    });
+    const go = make("button", {type: "button", textContent: "Go"});
+    go.onclick = () => tell($("steps-said"), () => post("movement", {do: "move", step: row.sectionRowIndex}));
+    const drop = make("button", {type: "button", textContent: "Delete"});
+    drop.setAttribute("aria-label", `Delete movement ${number}`);
+    drop.onclick = () => {
+        row.remove();
+        [...body.rows].forEach((each, i) => {
+            each.cells[0].textContent = i + 1;
+        });
+    };
+    row.insertCell().append(go, " ", drop);
+}
+
+function allowChanges(isAllowed) {
+    for (const id of ["add-step", "save-steps"]) {
+        $(id).disabled = !isAllowed;
+    }
+}
+
+// Until the list has come there is nothing to change: it would replace the board's.
+export const openMovements = () => tell($("steps-said"), async () => {
+    allowChanges(false);
+    $("steps").tBodies[0].replaceChildren();
+    const section = await get("settings/automovement");
+    const list = section.fields.find((field) => field.key === "automove_list").value;
+    $("steps").tBodies[0].replaceChildren();
+    for (const step of list.split(";").filter((each) => each.includes(","))) {
+        addStep(step.split(","));
+    }
+    allowChanges(true);
+});
+
+const save = () => tell($("steps-said"), async () => {
+    const steps = [...$("steps").tBodies[0].rows].map((row) =>
+        [...row.querySelectorAll("input")].map((input) => input.value.trim()).join(","));
+    await put("settings/automovement", {automove_list: steps.join(";")});
+}, "Saved.");
+
+export function showMovement(status) {
+    [...$("steps").tBodies[0].rows].forEach((row, i) => {
+        const isCurrent = Boolean(status?.movement_running) && status.movement_index === i;
+        row.toggleAttribute("data-current", isCurrent);
+        row.cells[0].setAttribute("aria-current", isCurrent ? "step" : "false");
+    });
+}
+
+export function startMovements() {
+    $("steps").tHead.insertRow().append(make("th", {scope: "col", textContent: "No."}),
+        ...columns.map((name) => make("th", {scope: "col", textContent: name})), make("th", {scope: "col", textContent: ""}));
+    $("add-step").onclick = () => addStep();
+    $("save-steps").onclick = save;
+    for (const button of document.querySelectorAll("[data-do]")) {
+        button.onclick = () => tell($("steps-said"), () => post("movement", {do: button.dataset.do}));
+    }
+}
