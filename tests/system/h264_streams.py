@@ -32,8 +32,13 @@ def unit_type(unit):
     return unit[0] & 31
 
 
+def joined(parts, code=b"\0\0\0\1"):
+    """The stream of these units."""
+    return b"".join(code + unit for unit in parts)
+
+
 def with_start_codes(stream, code):
-    return b"".join(code + unit for unit in units(stream))
+    return joined(units(stream), code)
 
 
 def with_sets_at_the_start_only(stream):
@@ -43,7 +48,7 @@ def with_sets_at_the_start_only(stream):
         is_begun = is_begun or unit_type(unit) in (1, 5)
         if not is_begun or unit_type(unit) not in (7, 8):
             kept.append(unit)
-    return b"".join(b"\0\0\0\1" + unit for unit in kept)
+    return joined(kept)
 
 
 def layout(stream):
@@ -54,9 +59,9 @@ def layout(stream):
     return tuple(done.stdout.decode().strip().split(","))
 
 
-def pictures(stream, level="error"):
+def pictures(stream, level="error", container="h264"):
     """The digests of the pictures that ffmpeg decodes, and its messages."""
-    done = subprocess.run(["ffmpeg", "-nostdin", "-v", level, "-f", "h264", "-i", "-",
+    done = subprocess.run(["ffmpeg", "-nostdin", "-v", level, "-f", container, "-i", "-",
                            "-fps_mode", "passthrough", "-f", "framemd5", "-"],
                           input=stream, capture_output=True, check=False, timeout=60)
     return [line.split(b",")[-1].strip() for line in done.stdout.splitlines()

@@ -1,6 +1,7 @@
 """beacon-web, the console for browsers: requests, pictures and what it says, with the real daemon."""
 
 import gzip
+import itertools
 import json
 import os
 import re
@@ -12,11 +13,13 @@ import subprocess
 import threading
 import time
 
+import h264_streams
 import pytest
 
 from beacon_web import PROGRAM, Web, film, next_text, ready_daemon, staged
 from board import EMULATOR, Board, promised
 from conftest import BUILD, REPOSITORY, SANITIZERS, wait_until
+from h264_streams import encode, joined, unit_type, units
 
 pytestmark = pytest.mark.skipif(bool(EMULATOR), reason="not built for another processor")
 
@@ -326,6 +329,47 @@ def test_a_browser_that_reads_again_sees_no_old_pictures(start, serve, make_prod
         seen.append(next_picture_number(stuck))
     old = [number for number in seen if number < last - GROUP]
     assert old == list(range(len(old))) and len(old) < 40
+
+
+def coded_groups(sets_number):
+    """An encoder's parameter sets, and its groups of pictures, each beginning with a key picture."""
+    made = units(encode(["-preset", "ultrafast", "-g", "5", "-x264-params",
+                         f"slices=1:sps-id={sets_number}"]))
+    groups = []
+    for unit in made:
+        if unit_type(unit) == 5:
+            groups.append([])
+        if unit_type(unit) in (1, 5):
+            groups[-1].append(unit)
+    return [unit for unit in made if unit_type(unit) in (7, 8)][:2], groups
+
+
+def pieces_to_next_picture(live):
+    pieces = []
+    while not pieces or pieces[-1][4:8] != b"moof":
+        message = live.recv()
+        if isinstance(message, bytes):
+            pieces.append(message)
+    return b"".join(pieces)
+
+
+def test_a_stream_with_several_parameter_sets(start, serve, make_producer, board):
+    """Its groups of pictures refer to the one and to the other by turns."""
+    start("recording_place=2\n")
+    live, producer = serve().wait_ready().live(), make_producer()
+    next_text(live, "board", lambda board: board["present"])
+    (sets, groups), (other_sets, other_groups) = coded_groups(0), coded_groups(3)
+    all_sets = joined([sets[0], other_sets[0], sets[1], other_sets[1]])
+    coded = []
+    for group in itertools.chain(*zip(groups, other_groups)):
+        coded += [all_sets + joined(group[:1]), *(joined([picture]) for picture in group[1:])]
+    played = b""
+    for picture in coded:
+        producer.publish(picture)
+        played += pieces_to_next_picture(live)
+    wanted, _ = h264_streams.pictures(b"".join(coded))
+    assert len(wanted) == len(coded) > 80
+    assert h264_streams.pictures(played, container="mp4") == (wanted, b"")
 
 
 def test_a_port_that_is_taken(serve, board):

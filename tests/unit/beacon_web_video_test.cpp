@@ -210,6 +210,50 @@ TEST(VideoTrack, NewParameterSetsMakeANewStart) {
     EXPECT_EQ(after->start->codec, "avc1.42401F");
 }
 
+TEST(VideoTrack, KeepsParameterSetsByTheirNumbers) {
+    VideoTrack track;
+    const std::string second_set = "\x67\x42\x40\x1f\x5a\x20\x0a\x00\xb7\x20"s; // number 1
+    const std::string second_picture_set = "\x68\x4a\xe3\xc8"s;                 // 1, of set 1
+    const std::string sets = stream_of({sequence_set, second_set, picture_set, second_picture_set});
+    const auto first = take_picture(track, picture_of(sets + stream_of({slice(5, 0)})), {});
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->start->codec, "avc1.4D401F");
+    for (const std::string &set : {sequence_set, second_set, picture_set, second_picture_set}) {
+        EXPECT_NE(first->start->header.find(set), std::string::npos);
+    }
+    const auto same = take_picture(track, picture_of(sets + stream_of({slice(5, 0)})), {});
+    ASSERT_TRUE(same);
+    EXPECT_EQ(same->start, first->start);
+    const std::string refers_to_second = "\x65\xd0 and so on"s; // ue(0), ue(0), ue(1)
+    const auto second = take_picture(track, picture_of(stream_of({refers_to_second})), {});
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->start->codec, "avc1.42401F");
+    const std::string refers_to_none = "\x65\xd8 and so on"s; // ue(0), ue(0), ue(2)
+    EXPECT_FALSE(take_picture(track, picture_of(stream_of({refers_to_none})), {}));
+}
+
+TEST(VideoTrack, NewParameterSetsCountFromTheNextKeyPicture) {
+    VideoTrack track;
+    ASSERT_TRUE(take_picture(track, picture_of(key_stream()), {}));
+    const std::string other = "\x68\xee\x3c\xb0"s;
+    EXPECT_FALSE(take_picture(track, picture_of(stream_of({other, slice(1, 1)})), {}));
+    EXPECT_TRUE(take_picture(track, picture_of(stream_of({slice(5, 0)})), {}));
+}
+
+TEST(ParameterSet, KeepsWhatAMovieHeaderCanHold) {
+    ParameterSets sets;
+    EXPECT_TRUE(keep_set(sets, bytes_of(sequence_set)));
+    EXPECT_FALSE(keep_set(sets, bytes_of(sequence_set)));
+    EXPECT_FALSE(keep_set(sets, bytes_of(slice(5, 0))));
+    EXPECT_FALSE(keep_set(sets, bytes_of("\x68"s)));
+    EXPECT_FALSE(keep_set(sets, bytes_of(picture_set + std::string(2000, 'x'))));
+    EXPECT_TRUE(keep_set(sets, bytes_of("\x68\x01\xfe"s)));              // number 254
+    EXPECT_FALSE(keep_set(sets, bytes_of("\x68\x00\x80\x00"s)));         // number 255
+    EXPECT_FALSE(keep_set(sets, bytes_of("\x67\x4d\x40\x1f\x04\x10"s))); // number 31
+    EXPECT_EQ(sets.sequence.size(), 1U);
+    EXPECT_EQ(sets.picture.size(), 1U);
+}
+
 TEST(MovieFragment, HasItsTimesWhereTheyAreStamped) {
     const std::string unit = slice(5, 0);
     const std::vector<ByteSpan> units{bytes_of(sequence_set), bytes_of(unit)};

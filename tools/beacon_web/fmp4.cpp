@@ -26,10 +26,6 @@ static std::string zeros(size_t count) {
     return std::string(count, '\0');
 }
 
-static std::string text_of(ByteSpan bytes) {
-    return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
-}
-
 static std::string box(const char *type, std::initializer_list<std::string> parts) {
     std::string content;
     for (const std::string &part : parts) {
@@ -56,14 +52,22 @@ static std::string identity_matrix() {
     return matrix;
 }
 
-static std::string sample_description(ByteSpan sequence_set, ByteSpan picture_set,
-                                      const SequenceSet &set) {
+// Each with its length.
+static std::string list_of(const std::map<unsigned, std::string> &sets) {
+    std::string list;
+    for (const auto &[number, unit] : sets) {
+        list += u16(unit.size()) + unit;
+    }
+    return list;
+}
+
+static std::string sample_description(const ParameterSets &sets, const SequenceSet &set) {
     constexpr uint64_t dots_per_inch = 0x480000; // 72, 16.16
     const std::string configuration =
         box("avcC", {u8(1), u8(set.profile), u8(set.constraints), u8(set.level),
                      u8(0xFF), // lengths have four bytes
-                     u8(0xE1), u16(sequence_set.size()), text_of(sequence_set), u8(1),
-                     u16(picture_set.size()), text_of(picture_set)});
+                     u8(0xE0 | sets.sequence.size()), list_of(sets.sequence),
+                     u8(sets.picture.size()), list_of(sets.picture)});
     const std::string entry =
         box("avc1",
             {zeros(6), u16(1), zeros(16), u16(set.width), u16(set.height), u32(dots_per_inch),
@@ -71,11 +75,11 @@ static std::string sample_description(ByteSpan sequence_set, ByteSpan picture_se
     return full_box("stsd", 0, 0, {u32(1), entry});
 }
 
-static std::string media_box(ByteSpan sequence_set, ByteSpan picture_set, const SequenceSet &set) {
+static std::string media_box(const ParameterSets &sets, const SequenceSet &set) {
     const std::string table =
-        box("stbl", {sample_description(sequence_set, picture_set, set),
-                     full_box("stts", 0, 0, {u32(0)}), full_box("stsc", 0, 0, {u32(0)}),
-                     full_box("stsz", 0, 0, {u32(0), u32(0)}), full_box("stco", 0, 0, {u32(0)})});
+        box("stbl", {sample_description(sets, set), full_box("stts", 0, 0, {u32(0)}),
+                     full_box("stsc", 0, 0, {u32(0)}), full_box("stsz", 0, 0, {u32(0), u32(0)}),
+                     full_box("stco", 0, 0, {u32(0)})});
     const std::string references =
         box("dinf", {full_box("dref", 0, 0, {u32(1), full_box("url ", 0, 1, {})})});
     const std::string information =
@@ -87,7 +91,7 @@ static std::string media_box(ByteSpan sequence_set, ByteSpan picture_set, const 
          full_box("hdlr", 0, 0, {u32(0), "vide", zeros(12), "video" + zeros(1)}), information});
 }
 
-std::string movie_header(ByteSpan sequence_set, ByteSpan picture_set, const SequenceSet &set) {
+std::string movie_header(const ParameterSets &sets, const SequenceSet &set) {
     const std::string track_header =
         full_box("tkhd", 0, 3,
                  {zeros(8), u32(1), u32(0), u32(0), zeros(16), identity_matrix(),
@@ -99,9 +103,7 @@ std::string movie_header(ByteSpan sequence_set, ByteSpan picture_set, const Sequ
     const std::string fragments =
         box("mvex", {full_box("trex", 0, 0, {u32(1), u32(1), u32(0), u32(0), u32(0)})});
     return box("ftyp", {"iso5", u32(1), "iso5", "avc1"}) +
-           box("moov",
-               {movie, box("trak", {track_header, media_box(sequence_set, picture_set, set)}),
-                fragments});
+           box("moov", {movie, box("trak", {track_header, media_box(sets, set)}), fragments});
 }
 
 static bool belongs_in_fragment(ByteSpan unit) {

@@ -12,7 +12,8 @@
 constexpr uint32_t movie_timescale = 90000;
 
 // What a player gets first. The duration is left unknown: browsers then play without a buffer.
-std::string movie_header(ByteSpan sequence_set, ByteSpan picture_set, const SequenceSet &set);
+// `set` is the sequence parameter set in use.
+std::string movie_header(const ParameterSets &sets, const SequenceSet &set);
 
 // One picture as one fragment, with its times still to be stamped. Parameter sets, delimiters and
 // filler are left out.

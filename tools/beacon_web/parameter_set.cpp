@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 constexpr unsigned largest_side = 8192;
-constexpr size_t longest_unit_head = 1024; // bytes; more is not read
+constexpr size_t longest_unit_head = 1024;  // bytes; more is not read
+constexpr unsigned most_sequence_sets = 31; // of those in a movie's header
+constexpr unsigned most_picture_sets = 255;
 
 namespace {
 
@@ -161,6 +164,63 @@ std::optional<SequenceSet> parse_sequence_set(ByteSpan unit) {
     return set;
 }
 
+// The beginning of a slice, from the number of its picture parameter set on.
+static Bits slice_head(ByteSpan slice) {
+    Bits bits = bits_of(slice.first(std::min<size_t>(slice.size(), 64)));
+    read_number(bits); // first macroblock
+    read_number(bits); // kind of slice
+    return bits;
+}
+
+// A set's own number; nothing when it is cut off.
+static std::optional<unsigned> number_of(ByteSpan unit) {
+    Bits bits = bits_of(unit);
+    if (nal_type(unit) == nal_sequence_set) {
+        read_bits(bits, 24); // profile, flags, level
+    }
+    const unsigned number = read_number(bits);
+    return bits.is_past_end ? std::nullopt : std::optional(number);
+}
+
+bool keep_set(ParameterSets &sets, ByteSpan unit) {
+    const bool is_sequence = nal_type(unit) == nal_sequence_set;
+    if ((!is_sequence && nal_type(unit) != nal_picture_set) || unit.size() > longest_unit_head) {
+        return false;
+    }
+    const auto number = number_of(unit);
+    if (!number || *number >= (is_sequence ? most_sequence_sets : most_picture_sets)) {
+        return false;
+    }
+    std::string &known = (is_sequence ? sets.sequence : sets.picture)[*number];
+    std::string text{reinterpret_cast<const char *>(unit.data()), unit.size()};
+    const bool is_new = known != text;
+    known = std::move(text);
+    return is_new;
+}
+
+static ByteSpan bytes_of(const std::string &text) {
+    return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
+}
+
+// Empty when there is no set with that number.
+static ByteSpan find_set(const std::map<unsigned, std::string> &sets, unsigned number) {
+    const auto found = sets.find(number);
+    return found == sets.end() ? ByteSpan{} : bytes_of(found->second);
+}
+
+std::optional<SequenceSet> sequence_set_of(const ParameterSets &sets, ByteSpan slice) {
+    Bits head = slice_head(slice);
+    const ByteSpan picture_set = find_set(sets.picture, read_number(head));
+    if (head.is_past_end || picture_set.empty()) {
+        return std::nullopt;
+    }
+    Bits bits = bits_of(picture_set);
+    read_number(bits); // its own number
+    const ByteSpan sequence_set = find_set(sets.sequence, read_number(bits));
+    return bits.is_past_end || sequence_set.empty() ? std::nullopt
+                                                    : parse_sequence_set(sequence_set);
+}
+
 std::string codec_name(const SequenceSet &set) {
     char name[40];
     snprintf(name, sizeof name, "avc1.%02X%02X%02X", set.profile, set.constraints, set.level);
@@ -168,9 +228,7 @@ std::string codec_name(const SequenceSet &set) {
 }
 
 std::optional<unsigned> frame_number(ByteSpan slice, const SequenceSet &set) {
-    Bits bits = bits_of(slice.first(std::min<size_t>(slice.size(), 64)));
-    read_number(bits); // first macroblock
-    read_number(bits); // kind of slice
+    Bits bits = slice_head(slice);
     read_number(bits); // picture parameter set
     if (set.has_colour_planes) {
         read_bits(bits, 2);

@@ -5,6 +5,7 @@
 
 #include "beacon_web/nal_units.h"
 
+#include <map>
 #include <optional>
 #include <string>
 
@@ -16,7 +17,23 @@ struct SequenceSet {
     unsigned height = 0;
     unsigned frame_number_bits = 4;
     bool has_colour_planes = false; // coded apart, each slice says which one it is of
+
+    bool operator==(const SequenceSet &) const = default;
 };
+
+// The units that hold a stream's parameter sets, by their numbers.
+struct ParameterSets {
+    std::map<unsigned, std::string> sequence;
+    std::map<unsigned, std::string> picture;
+};
+
+// Keeps a unit that is a parameter set, in place of one with its number. Returns whether that
+// changes the sets. A set that is cut off or longer than any real one is left out.
+bool keep_set(ParameterSets &sets, ByteSpan unit);
+
+// The sequence parameter set that a slice's picture parameter set refers to. Nothing when one of
+// them has not come or cannot be read.
+std::optional<SequenceSet> sequence_set_of(const ParameterSets &sets, ByteSpan slice);
 
 // Nothing when the unit is no sequence parameter set, is cut off, or tells a size that no camera
 // has.

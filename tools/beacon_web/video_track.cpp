@@ -7,36 +7,33 @@
 constexpr double longest_interval = 0.5; // seconds; a longer one is a pause
 constexpr double interval_weight = 0.05; // of the newest interval in the average
 
-static std::string text_of(ByteSpan bytes) {
-    return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
-}
-
 static ByteSpan bytes_of(const std::string &text) {
     return {reinterpret_cast<const uint8_t *>(text.data()), text.size()};
 }
 
-static void take_parameter_sets(VideoTrack &track, const std::vector<ByteSpan> &units) {
+// Returns whether players need another start from here on.
+static bool take_parameter_sets(VideoTrack &track, const std::vector<ByteSpan> &units,
+                                ByteSpan slice) {
     bool has_changed = false;
     for (const ByteSpan unit : units) {
-        const uint8_t type = nal_type(unit);
-        if (type == nal_sequence_set || type == nal_picture_set) {
-            std::string &known = type == nal_sequence_set ? track.sequence_set : track.picture_set;
-            has_changed = has_changed || known != text_of(unit);
-            known = text_of(unit);
-        }
+        has_changed = keep_set(track.sets, unit) || has_changed;
     }
-    if (!has_changed || track.picture_set.empty()) {
-        return;
+    // Only at a key picture can a stream go over to another sequence parameter set.
+    if (!has_changed && nal_type(slice) != nal_key_slice) {
+        return false;
     }
-    const auto set = parse_sequence_set(bytes_of(track.sequence_set));
+    const auto set = sequence_set_of(track.sets, slice);
     if (!set) {
         track.start = nullptr;
-        return;
+        return true;
+    }
+    if (!has_changed && track.start != nullptr && *set == track.set) {
+        return false;
     }
     track.set = *set;
     track.start = std::make_shared<const MovieStart>(
-        MovieStart{movie_header(bytes_of(track.sequence_set), bytes_of(track.picture_set), *set),
-                   codec_name(*set), set->width, set->height});
+        MovieStart{movie_header(track.sets, *set), codec_name(*set), set->width, set->height});
+    return true;
 }
 
 static ByteSpan first_slice(const std::vector<ByteSpan> &units) {
@@ -75,8 +72,8 @@ std::optional<Fragment> take_picture(VideoTrack &track, const CodedPicture &pict
         return std::nullopt;
     }
     const bool is_key = nal_type(slice) == nal_key_slice;
-    take_parameter_sets(track, units);
-    const bool is_loss = !is_key && (picture.is_after_loss ||
+    const bool is_new_start = take_parameter_sets(track, units, slice);
+    const bool is_loss = !is_key && (picture.is_after_loss || is_new_start ||
                                      (picture.is_after_gap && misses_reference(track, slice)));
     note_arrival(track, is_loss, now);
     track.waits_for_key = (track.waits_for_key || is_loss) && !is_key;

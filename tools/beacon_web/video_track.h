@@ -28,8 +28,8 @@ struct Fragment {
 };
 
 struct VideoTrack {
-    std::string sequence_set, picture_set; // as they came last
-    SequenceSet set;
+    ParameterSets sets;                      // as they came last
+    SequenceSet set;                         // that pictures refer to
     std::shared_ptr<const MovieStart> start; // null: no parameter sets have come
     bool waits_for_key = true;
     unsigned last_reference = 0; // the frame number of the last reference picture
