@@ -78,6 +78,26 @@ def test_a_start_code_that_lies_across_two_packets(board, ctl, daemon, make_prod
     assert target.read_bytes() == video
 
 
+def publish_between(board, producer, *others):
+    """Publishes each of these and a frame of a recording behind it; waits for the recording."""
+    wanted = PARAMETER_SET + content(500), content(1300), OTHER_SLICE + content(100)
+    for other, frame in zip(others, wanted):
+        producer.publish(other)
+        producer.publish(frame)
+    recording = board.path("/tmp/v.h264")
+    size = len(b"".join(wanted))
+    wait_until(lambda: recording.exists() and recording.stat().st_size == size, "the recording")
+    assert recording.read_bytes() == b"".join(wanted)
+
+
+def end_with_two_lost(process):
+    send_signal(process, signal.SIGINT)
+    assert process.wait(20.0) == 1
+    summary, strict = process.stderr.read().decode().splitlines()
+    assert summary.endswith(" 3 packets, 2 lost")
+    assert strict == "beaconctl: the recording is not whole, and --strict was given"
+
+
 def test_lost_packets_are_counted_and_left_out(board, ctl, daemon, make_producer, bad_link):  # noqa: F811
     lost = []
 
@@ -91,18 +111,9 @@ def test_lost_packets_are_counted_and_left_out(board, ctl, daemon, make_producer
     link = bad_link(passes)
     producer = make_producer()
     process = start_recording(ctl, daemon, "/tmp/v.h264", "--strict", options=link.options)
-    first, key, last = PARAMETER_SET + content(500), content(1300), OTHER_SLICE + content(100)
-    for frame in (b"lose before", first, b"lose one", key, b"lose two", last):
-        producer.publish(frame)
-    expected = first + key + last
-    target = board.path("/tmp/v.h264")
-    wait_until(lambda: target.exists() and target.stat().st_size == len(expected), "the recording")
-    send_signal(process, signal.SIGINT)
-    assert process.wait(20.0) == 1
-    summary, strict = process.stderr.read().decode().splitlines()
-    assert target.read_bytes() == expected and len(lost) == 3
-    assert summary.endswith(" 3 packets, 2 lost")
-    assert strict == "beaconctl: the recording is not whole, and --strict was given"
+    publish_between(board, producer, b"lose before", b"lose one", b"lose two")
+    end_with_two_lost(process)
+    assert len(lost) == 3
 
 
 def test_packets_that_come_late_are_left_out_and_told(
@@ -124,17 +135,9 @@ def test_packets_that_come_late_are_left_out_and_told(
     link = bad_link(passes)
     producer = make_producer()
     process = start_recording(ctl, daemon, "/tmp/v.h264", "--strict", options=link.options)
-    first, key, last = PARAMETER_SET + content(500), content(1300), OTHER_SLICE + content(100)
     wait_until(lambda: link.counts[True] > 3, "numbers that are counted")
-    for frame in (b"late, before the recording", first, b"late", key, b"lose", last):
-        producer.publish(frame)
-    expected = first + key + last
-    target = board.path("/tmp/v.h264")
-    wait_until(lambda: target.exists() and target.stat().st_size == len(expected), "the recording")
-    send_signal(process, signal.SIGINT)
-    assert process.wait(20.0) == 1
-    assert process.stderr.read().decode().splitlines()[0].endswith(" 3 packets, 2 lost")
-    assert target.read_bytes() == expected
+    publish_between(board, producer, b"late, before the recording", b"late", b"lose")
+    end_with_two_lost(process)
 
 
 def test_a_late_answer_is_no_telemetry(board, ctl, daemon, bad_link):  # noqa: F811
