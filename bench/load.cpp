@@ -186,6 +186,7 @@ LoadResult run_load(Wire &wire, const Subject &subject, const Load &load, double
     result.p50_ms = quantile(tally.latencies_ms, 0.5);
     result.p99_ms = quantile(tally.latencies_ms, 0.99);
     result.whole_p50_ms = quantile(tally.whole_ms, 0.5);
+    result.seconds = seconds;
     result.drain_ms = static_cast<double>(tally.last_arrival_ns - handed_ns) / 1e6;
     result.late_ms = static_cast<double>(late_ns) / 1e6;
     return result;

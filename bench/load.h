@@ -25,6 +25,7 @@ struct LoadResult {
     double p50_ms; // from sending to arrival, of all delivered datagrams
     double p99_ms;
     double whole_p50_ms; // from sending to arrival of the last byte at the last destination
+    double seconds;      // of traffic
     double drain_ms;     // from the last sending to the last arrival
     double late_ms;      // maximum delay of a sending after its due time
 };

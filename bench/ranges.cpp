@@ -26,7 +26,7 @@ std::string text_of(const Range &range, int decimals) {
            text_of(range.high, decimals) + ")";
 }
 
-static std::vector<double> numbers_of(const std::vector<LoadResult> &results, Number number) {
+std::vector<double> numbers_of(const std::vector<LoadResult> &results, Number number) {
     std::vector<double> values;
     values.reserve(results.size());
     for (const LoadResult &result : results) {

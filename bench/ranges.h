@@ -22,6 +22,7 @@ std::string text_of(const Range &range, int decimals);
 
 // One number of each result.
 using Number = double (*)(const LoadResult &);
+std::vector<double> numbers_of(const std::vector<LoadResult> &results, Number number);
 Range range_of(const std::vector<LoadResult> &results, Number number);
 
 // The left number divided by the right one of the same round.
