@@ -92,12 +92,12 @@ class Web:
 
     def live(self, origin=None, host=None, connection=None):
         return websocket.create_connection(
-            f"ws://{self.address}/live", socket=connection or self.connect(), timeout=20,
+            f"ws://{self.address}/live", socket=connection or self.connect(), timeout=60,
             host=host or self.address,
             origin=f"http://{self.address}" if origin is None else origin)
 
 
-def next_text(live, kind, condition=lambda message: True, timeout=20.0):
+def next_text(live, kind, condition=lambda message: True, timeout=60.0):
     """The next text message of that type for which the condition holds."""
     end = time.monotonic() + timeout
     while time.monotonic() < end:
@@ -109,7 +109,7 @@ def next_text(live, kind, condition=lambda message: True, timeout=20.0):
     raise AssertionError(f"no {kind} message of the kind wanted")
 
 
-def film(live, pictures, timeout=20.0):
+def film(live, pictures, timeout=60.0):
     """The film's header and so many of the fragments that come next."""
     end = time.monotonic() + timeout
     pieces = []

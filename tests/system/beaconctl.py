@@ -80,7 +80,7 @@ def send_signal(process, number=signal.SIGINT):
     os.kill(program_of(process), number)
 
 
-def read_line(stream, timeout=20.0):
+def read_line(stream, timeout=60.0):
     """The next line of a program's output; fails when none arrives in time."""
     line = b""
     end = time.monotonic() + timeout
@@ -104,7 +104,7 @@ class Terminal:
         os.close(slave)
         self.text = ""
 
-    def expect(self, text, timeout=20.0):
+    def expect(self, text, timeout=60.0):
         """Waits until the terminal has shown `text`; discards everything up to it."""
         end = time.monotonic() + timeout
         while text not in self.text:

@@ -121,7 +121,7 @@ class Client:
     def ask_info(self):
         self.send(b"\0")
 
-    def receive_any(self, timeout=5.0):
+    def receive_any(self, timeout=20.0):
         """The next packet as (type, sequence, payload); its header is checked."""
         self.socket.settimeout(timeout)
         datagram, sender = self.socket.recvfrom(65535)
@@ -130,7 +130,7 @@ class Client:
         assert int.from_bytes(datagram[2:4], "little") == len(datagram) - 12
         return datagram[1], int.from_bytes(datagram[4:8], "little"), datagram[12:]
 
-    def receive(self, timeout=5.0):
+    def receive(self, timeout=20.0):
         """The next packet that is not a status record, as receive_any returns it."""
         end = time.monotonic() + timeout
         while True:
@@ -138,7 +138,7 @@ class Client:
             if not is_status(packet):
                 return packet
 
-    def receive_type(self, kind, timeout=5.0):
+    def receive_type(self, kind, timeout=20.0):
         """The next packet of that type; others are skipped."""
         while True:
             packet = self.receive(timeout)
@@ -232,7 +232,7 @@ class Producer:
         self.fill(self.next_slot, data, self.identifier)
         self.next_slot = (self.next_slot + 1) % 200
 
-    def wait_taken(self, slot, timeout=5.0):
+    def wait_taken(self, slot, timeout=20.0):
         wait_until(lambda: not self.is_ready(slot), f"slot {slot} taken", timeout)
 
 

@@ -289,7 +289,7 @@ def test_a_file_is_played_once(board, start, watch, simulate, film):
     viewer = watch(daemon)
     simulator = simulate("--video", film, "--once", "--rate", "50", "--size", "128x128",
                          "--record", "/tmp/record")
-    assert simulator.process.wait(20) == 0
+    assert simulator.process.wait(60) == 0
     record = json.loads(board.path("/tmp/record/record.json").read_text())
     assert record["frames"] == 50 and abs(record["audio"] - 50) <= 3
     wait_until(lambda: len(viewer.payloads[2]) == record["audio"], "the sound")
@@ -339,7 +339,7 @@ def test_errors_are_one_line(board, simulate):
               "sine=duration=0.1", "/tmp/sound.wav")
     for options, (status, text) in ERRORS.items():
         simulator = simulate(*options)
-        assert simulator.process.wait(20) == status, options
+        assert simulator.process.wait(60) == status, options
         said = simulator.err.read_text()
         assert said == f"beacon-sim: {text}\n" if text else said.startswith("beacon-sim: "), options
         assert said.count("\n") == 1 and simulator.out.read_text() == "", options
@@ -347,12 +347,12 @@ def test_errors_are_one_line(board, simulate):
 
 def test_without_ffmpeg_or_shared_memory(board, daemon, simulate):
     missing = simulate(env={"PATH": "/none"})
-    assert missing.process.wait(20) == 1
+    assert missing.process.wait(60) == 1
     assert missing.err.read_text() == ("beacon-sim: cannot start ffmpeg: No such file or directory "
                                        "(Debian has it in the package ffmpeg)\n")
     board.run("/usr/bin/mount", "-t", "tmpfs", "none", "/dev")
     unusable = simulate(*BARE, stdin=None)
-    assert unusable.process.wait(20) == 1
+    assert unusable.process.wait(60) == 1
     assert unusable.err.read_text() == (
         "beacon-sim: cannot use /dev/shm: No such file or directory\n")
 
@@ -363,7 +363,7 @@ def test_the_encoder_must_not_end_by_itself(board, daemon, simulate):
     wait_until(lambda: frames.exists() and frames.stat().st_size > 0, "a frame")
     children = Path(f"/proc/{simulator.pid}/task/{simulator.pid}/children")
     os.kill(int(children.read_text()), signal.SIGKILL)
-    assert simulator.process.wait(20) == 1
+    assert simulator.process.wait(60) == 1
     assert simulator.err.read_text() == "beacon-sim: the encoder ended by itself\n"
     assert json.loads(board.path("/tmp/record/record.json").read_text())["frames"] > 0
 

@@ -291,7 +291,7 @@ def test_a_disk_that_hangs_keeps_the_photo_only(board, daemon, play, watch, make
     os.kill(source.pid, signal.SIGTERM)
     wait_until(lambda: "Published" in source.out.read_text(), "the end", 20.0)
     disk.revive()  # the system keeps what is left of a process that waits for such a disk
-    assert source.process.wait(20) == 0
+    assert source.process.wait(60) == 0
 
 
 def colours(board, *words):
@@ -552,7 +552,7 @@ def test_a_network_camera_that_is_not_there(daemon, play):
 ], ids=lambda value: shlex.join(value) if isinstance(value, tuple) else "")
 def test_a_wrong_command_line(options, told):
     done = subprocess.run([PROGRAM, *options], capture_output=True, check=False, text=True,
-                          timeout=20, env={**os.environ, **SANITIZERS})
+                          timeout=60, env={**os.environ, **SANITIZERS})
     assert done.returncode == 2 and done.stdout == ""
     assert re.fullmatch(r"beacon-source: .+\n", done.stderr) and told in done.stderr
 
@@ -560,5 +560,5 @@ def test_a_wrong_command_line(options, told):
 def test_help_and_version():
     for option, told in (("--help", "SOURCE"), ("--version", "beacon-source 0.")):
         done = subprocess.run([PROGRAM, option], capture_output=True, check=True, text=True,
-                              timeout=20, env={**os.environ, **SANITIZERS})
+                              timeout=60, env={**os.environ, **SANITIZERS})
         assert told in done.stdout and done.stderr == ""

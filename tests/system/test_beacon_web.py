@@ -375,7 +375,7 @@ def test_a_stream_with_several_parameter_sets(start, serve, make_producer, board
 def test_a_port_that_is_taken(serve, board):
     board.socket(socket.SOCK_STREAM, bind=("127.0.0.1", 8080)).listen()
     web = serve()
-    assert web.process.wait(20) == 1
+    assert web.process.wait(60) == 1
     assert web.err.read_text() == "beacon-web: cannot listen at 127.0.0.1:8080: Address already in use\n"
 
 

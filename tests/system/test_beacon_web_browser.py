@@ -368,7 +368,7 @@ def test_the_channels_of_a_radio_control_move(stage, browser):
                      "return Number(raw) > 0 && before && before !== raw", "the stick moves")
     children = Path(f"/proc/{sticks.pid}/task/{sticks.pid}/children").read_text()
     os.kill(int(children.split()[0]), signal.SIGTERM)
-    sticks.wait(20)
+    sticks.wait(60)
 
 
 def make_film(path):

@@ -56,7 +56,7 @@ def serve(stage):
     for web in started:
         if web.process.poll() is None:
             os.kill(web.pid, signal.SIGTERM)
-            assert web.process.wait(20) == 0
+            assert web.process.wait(60) == 0
 
 
 def children(web):
@@ -178,7 +178,7 @@ def test_ffmpeg_ends_with_the_console(serve):
     viewer.read_jpeg()
     ended = os.pidfd_open(children(web)[0])
     os.kill(web.pid, signal.SIGKILL)
-    web.process.wait(20)
+    web.process.wait(60)
     poll = select.poll()
     poll.register(ended)
     assert poll.poll(PATIENCE * 1000)

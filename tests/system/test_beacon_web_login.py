@@ -41,7 +41,7 @@ def cookie_of(reply):
 
 def upgrade(web, **headers):
     return websocket.create_connection(
-        f"ws://{web.address}/live", socket=web.connect(), timeout=20, host=web.address,
+        f"ws://{web.address}/live", socket=web.connect(), timeout=60, host=web.address,
         origin=f"http://{web.address}", header=headers)
 
 
@@ -196,7 +196,7 @@ def test_files_that_are_wrong(board, tmp_path):
                            "cannot listen at 127.0.0.1:8080: the certificate and the key do not "
                            "work together")):
         web = Web(board, tmp_path, *options)
-        assert web.process.wait(20) == 1, options
+        assert web.process.wait(60) == 1, options
         assert web.err.read_text() == f"beacon-web: {said}\n"
     alone = subprocess.run([BUILD / "beacon-web", "--cert", "/tmp/none"], capture_output=True,
                            text=True, check=False)
@@ -239,7 +239,7 @@ def test_https(board, serve, tmp_path):
     assert said.startswith("HTTP/1.1 200 ") and "; Secure" in said
     cookie = said.partition("set-cookie: ")[2].partition(";")[0]
     live = websocket.create_connection(
-        f"wss://{web.address}/live", timeout=20, host=web.address,
+        f"wss://{web.address}/live", timeout=60, host=web.address,
         socket=trusted.wrap_socket(web.connect(), server_hostname="127.0.0.1"),
         origin=f"https://{web.address}", header={"Cookie": cookie})
     assert next_text(live, "board")["present"] is False
@@ -255,5 +255,5 @@ def test_a_key_of_another_certificate(board, tmp_path):
     make_certificate(board, tmp_path, "one")
     make_certificate(board, tmp_path, "two")
     web = Web(board, tmp_path, "--cert", "/tmp/one-cert.pem", "--key", "/tmp/two-key.pem")
-    assert web.process.wait(20) == 1
+    assert web.process.wait(60) == 1
     assert web.err.read_text().count("\n") == 1

@@ -300,7 +300,7 @@ def test_watch_into_a_pipe_writes_a_line_for_each_change(board, ctl, start):
     start(QUIET)
     next_line("; 49 °C; ")
     send_signal(process)
-    assert process.wait(20.0) == 0
+    assert process.wait(60) == 0
     assert process.stderr.read() == b""
 
 
@@ -309,7 +309,7 @@ def test_watch_ends_when_nobody_reads(ctl, daemon):
     # We are counted within a second or two; after that nothing changes.
     wait_until(lambda: "clients: 1" in read_line(process.stdout), "the last change", 20.0)
     process.stdout.close()
-    assert process.wait(20.0) == 0
+    assert process.wait(60) == 0
     daemon.wait_error(" removed\n")
 
 
@@ -334,7 +334,7 @@ def test_watch_as_json_is_a_stream(ctl, daemon):
     assert re.fullmatch(r"20\d\d-\d\d-\d\dT\d\d:\d\d:\d\dZ", first["time"])
     assert first["time"] != second["time"]
     send_signal(process)
-    assert process.wait(20.0) == 0
+    assert process.wait(60) == 0
     assert json.loads(ctl("watch", "--once", "--json").stdout)["version"] == "0.8.19"
 
 
@@ -489,7 +489,7 @@ def test_raw(ctl, daemon):
     assert read_line(process.stdout) == (
         '{"cmd":"config_answer","enabled":0,"smooth":0,"smooth_speed":0,"list":"",}\n')
     send_signal(process)
-    assert process.wait(20.0) == 0
+    assert process.wait(60) == 0
     done = ctl("raw", '{"cmd":"nothing"}', "--seconds", "0.1")
     assert (done.returncode, done.stdout) == (0, "")
     assert done.stderr == ("Sent; nothing came back within 0.1 s. What the daemon does: "

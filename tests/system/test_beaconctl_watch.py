@@ -67,7 +67,7 @@ def test_it_measures_the_video(ctl, start, video):
         measured["frames_per_second"] * len(PICTURE) * 8e-6, rel=0.05)
     assert measured["restarts"] == 0 and measured["sequence"] > 50
     send_signal(process)
-    assert process.wait(20) == 0
+    assert process.wait(60) == 0
 
 
 def test_it_counts_losses_and_says_so_in_its_log(start, ctl, video, bad_link):  # noqa: F811
@@ -89,7 +89,7 @@ def test_it_counts_losses_and_says_so_in_its_log(start, ctl, video, bad_link):  
     wait_until(has_lost, "losses", 60.0)
     assert re.match(r"20\d\d-\d\d-\d\d \d\d:\d\d:\d\d sources: ", lines[-1])
     send_signal(process)
-    assert process.wait(20) == 0
+    assert process.wait(60) == 0
 
 
 def test_it_notices_a_restart(ctl, start, video):
@@ -103,7 +103,7 @@ def test_it_notices_a_restart(ctl, start, video):
     after = next_object(process, lambda it: it.get("restarts") == 1, "the restart")
     assert after["seen_seconds"] < before["seen_seconds"] + 30
     send_signal(process)
-    assert process.wait(20) == 0
+    assert process.wait(60) == 0
 
 
 def test_without_streams_it_spares_the_link(ctl, start, video):
@@ -114,7 +114,7 @@ def test_without_streams_it_spares_the_link(ctl, start, video):
     last = [json.loads(read_line(process.stdout)) for _ in range(4)][-1]
     assert last["frames_per_second"] is None and last["lost"] is None and last["sequence"] > 0
     send_signal(process)
-    assert process.wait(20) == 0
+    assert process.wait(60) == 0
     terminal = ctl.at_terminal("watch", "--no-streams")
     terminal.expect("Video        -")
     terminal.expect("Lost         -")

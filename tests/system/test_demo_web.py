@@ -31,6 +31,6 @@ def test_the_address_leads_to_the_console(tmp_path):
 
         wait_until(lambda: b'"picture_problem":""' in status(), "the picture", 30.0)
         os.kill(demo.pid, signal.SIGINT)
-        assert demo.wait(20) == 0
+        assert demo.wait(60) == 0
     finally:
         demo.kill()

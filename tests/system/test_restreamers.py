@@ -214,7 +214,7 @@ def test_a_changed_setting_ends_the_helper_by_its_name(board, start, run, make_c
     daemon.wait_error("New client connected from 127.0.0.1", timeout=30.0)
     make_client().send(b'{"cmd":"updateconfig","param":"streaming","value":"rtsp","value2":"0"}')
     daemon.wait_error("kill rtsp-server-manager (PID ")
-    assert old.process.wait(20) != 0
+    assert old.process.wait(60) != 0
     idle = run("media/rtsp-server-manager")
     wait_until(lambda: "rtsp-server" in
                Path(f"/proc/{idle.pid}/comm").read_text(), "it")

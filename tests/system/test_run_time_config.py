@@ -47,7 +47,7 @@ class Root:
     def make_copy(self):
         """Runs the script; its exit status, and the copy (None: there is none)."""
         run = subprocess.run([SCRIPT, self.folder], stderr=subprocess.PIPE, check=False,
-                             timeout=20)
+                             timeout=60)
         status, self.errors = run.returncode, run.stderr.decode()
         assert not self.path(CONFIG + ".new").exists() and not self.path(CONFIG).is_symlink()
         return status, self.path(CONFIG).read_bytes() if self.path(CONFIG).exists() else None

@@ -31,7 +31,7 @@ class FarClient(Client):
     def send(self, payload, header=b"R" + bytes(11)):
         self.socket.sendto(header + payload, (self.machine.board_address, 5252))
 
-    def receive_any(self, timeout=5.0):
+    def receive_any(self, timeout=20.0):
         self.socket.settimeout(timeout)
         datagram, sender = self.socket.recvfrom(65535)
         assert sender == (self.machine.board_address, 5252)

@@ -40,7 +40,7 @@ def test_a_smaller_picture(board, start, watch, tmp_path):
     viewer.client.send(b'{"cmd":"updateconfig","param":"transcoding","value":"0","value2":"300",'
                        b'"value3":"0","value4":"160","value5":"120"}')
     daemon.wait_error("kill transcoder (PID ")
-    assert transcoder.process.wait(20) != 0
+    assert transcoder.process.wait(60) != 0
     wait_until(lambda: b"320,240" in sizes(viewer.video()), "the source's own picture", 30.0, 0.5)
 
 

@@ -74,4 +74,4 @@ class Program:
     def end(self, number=signal.SIGTERM):
         """Stops it; returns the exit status."""
         os.kill(self.pid, number)
-        return self.process.wait(20)
+        return self.process.wait(60)
