@@ -65,7 +65,7 @@ def published_bytes(source):
 
 def piped(play, stream, *options):
     """beacon-source with the stream on standard input, which then ends."""
-    source = play("-", *options, stdin=subprocess.PIPE)
+    source = play("--", "-", *options, stdin=subprocess.PIPE)
     source.process.stdin.write(stream)
     source.process.stdin.close()
     return source

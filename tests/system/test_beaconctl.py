@@ -237,6 +237,19 @@ def test_what_a_backup_has_and_the_board_does_not_is_told(board, ctl, start):
         'beaconctl: left out: there is no "hflp" in display, did you mean "hflip"?']
 
 
+def test_a_backup_with_values_that_do_not_go_together_is_refused(board, ctl, start):
+    start(QUIET + "ap_mode=5\nap_channel=36\n")
+    mode = ctl("get", "wifi", "ap_mode").stdout
+    board.write("/tmp/backup.json", '{"wifi":{"ap_mode":2}}')
+    done = ctl("set", "--from", "/tmp/backup.json", "--yes")
+    assert (done.returncode, done.stderr) == (
+        2, "beaconctl: ap_channel 36 is not a channel of 2.4 GHz (1 to 14); --force sends it "
+           "all the same\n")
+    assert ctl("get", "wifi", "ap_mode").stdout == mode
+    assert ctl("set", "--from", "/tmp/backup.json", "--yes", "--force").returncode == 0
+    assert ctl("get", "wifi", "ap_mode").stdout != mode
+
+
 def test_what_may_cut_the_link_asks_first(ctl, daemon):
     done = ctl("set", "ethernet", "mask=255.255.0.0")
     assert (done.returncode, done.stdout, done.stderr) == (
@@ -429,6 +442,11 @@ def test_a_file_of_the_usual_board_that_is_wrong_stops_only_who_needs_it(board, 
                "host = NAME, port = NUMBER\n")
     for words in (["get", "info", "--host", "127.0.0.1"], ["--help"], ["record", "--help"]):
         assert run(*words).returncode == 0, words
+    board.path("/tmp/c/beaconctl").unlink()
+    board.path("/tmp/c/beaconctl").mkdir()
+    done = run("get", "info")
+    assert (done.returncode, done.stderr) == (
+        2, "beaconctl: /tmp/c/beaconctl: Is a directory\n")
     wait_for(lambda: run("discover", "--timeout", "0.3"))
 
 
@@ -443,7 +461,8 @@ def test_an_edited_settings_file_is_checked(board, ctl):
     assert (done.returncode, done.stdout) == (
         1, f'a.conf:{number}: there is no setting "ap_chanel", did you mean "ap_channel"?\n'
         "a.conf: not set, so 0 or empty: ap_channel\n")
-    assert "No such file" in ctl("check", "nope").stderr
+    for name, reason in (("nope", "No such file or directory"), ("/tmp", "Is a directory")):
+        assert ctl("check", name).stderr == f"beaconctl: {name}: {reason}\n"
 
 
 USELESS = [

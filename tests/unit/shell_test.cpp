@@ -36,7 +36,8 @@ static double seconds_of(const std::function<void()> &work) {
 // Is the process running? Its parent may be slow to reap it.
 static bool is_alive(const std::string &pid) {
     std::ifstream status("/proc/" + pid + "/stat");
-    const std::string text((std::istreambuf_iterator<char>(status)), {});
+    std::string text;
+    std::getline(status, text); // of a process that is just going away, reading may fail
     return !text.empty() && text.find(") Z ") == std::string::npos;
 }
 

@@ -3,19 +3,16 @@
 #include "beaconctl/fail.h"
 #include "beaconctl/screen.h"
 #include "beaconctl/setting_names.h"
+#include "beaconctl/text_file.h"
 #include "beaconctl/text_table.h"
 #include "client/settings_file.h"
 
-#include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 
 int check_file(const std::string &name) {
-    std::ifstream file(name);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    if (!file.good()) {
-        return fail(name + ": " + strerror(errno == 0 ? EISDIR : errno));
+    std::string text;
+    if (const int error = read_text_file(name, text); error != 0) {
+        return fail(name + ": " + strerror(error));
     }
     std::vector<std::string> lines;
     for (const FileRemark &remark : check_settings_file(text)) {

@@ -55,15 +55,14 @@ static bool is_given(const SettingRow &row, const GivenValues &given, std::strin
     return false;
 }
 
-// The first conflict that a given value takes part in. One that the board had before stays its own.
-static std::string new_conflict(const SettingRow &row, const GivenValues &given,
-                                const std::vector<std::string> &values) {
-    for (const ValueConflict &each : conflicts_in(row, values)) {
-        if (is_given(row, given, each.key) || is_given(row, given, each.other)) {
-            return each.text;
+int refuse_conflict(const SettingChange &change) {
+    for (const ValueConflict &each : conflicts_in(*change.row, change.values)) {
+        if (is_given(*change.row, change.given, each.key) ||
+            is_given(*change.row, change.given, each.other)) {
+            return refuse_usage(each.text + force_hint);
         }
     }
-    return "";
+    return exit_ok;
 }
 
 int complete_change(const Target &target, SettingChange &change, const SetOptions &options) {
@@ -84,11 +83,7 @@ int complete_change(const Target &target, SettingChange &change, const SetOption
         change.values.push_back(given.values[i].value_or(now));
         change.before.push_back(now);
     }
-    if (code != exit_ok || options.is_forced) {
-        return code;
-    }
-    const std::string conflict = new_conflict(*change.row, given, change.values);
-    return conflict.empty() ? exit_ok : refuse_usage(conflict + force_hint);
+    return code != exit_ok || options.is_forced ? code : refuse_conflict(change);
 }
 
 // What the board has now: the values that were taken, those that were not, and all as JSON.

@@ -32,6 +32,10 @@ int ask_current(const Target &target, const SettingRow &row, Json &answer);
 // not go together.
 int complete_change(const Target &target, SettingChange &change, const SetOptions &options);
 
+// Refuses given values that do not go together, or not with the others of their row. A conflict
+// that the board had before stays its own.
+int refuse_conflict(const SettingChange &change);
+
 // Asks if a change can cut the link, sends all of them, prints what became of them, and takes them
 // back as options.revert_after says.
 int apply_changes(const Target &target, std::vector<SettingChange> &changes,

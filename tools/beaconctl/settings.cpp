@@ -6,16 +6,14 @@
 #include "beaconctl/screen.h"
 #include "beaconctl/setting_change.h"
 #include "beaconctl/setting_names.h"
+#include "beaconctl/text_file.h"
 #include "beaconctl/text_table.h"
 #include "client/setting_limits.h"
 #include "client/value_check.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <map>
-#include <memory>
 #include <nlohmann/json.hpp>
 
 int set_values(const Target &target, const SetOptions &options) {
@@ -41,15 +39,9 @@ int set_values(const Target &target, const SetOptions &options) {
 }
 
 static int read_file(const std::string &name, Json &settings) {
-    const std::unique_ptr<FILE, int (*)(FILE *)> file(
-        name == "-" ? stdin : fopen(name.c_str(), "re"), fclose);
-    if (file == nullptr) {
-        return fail(name + ": " + strerror(errno));
-    }
     std::string text;
-    char part[4096];
-    for (size_t got = 0; (got = fread(part, 1, sizeof part, file.get())) > 0;) {
-        text.append(part, got);
+    if (const int error = read_text_file(name, text); error != 0) {
+        return fail(name + ": " + strerror(error));
     }
     settings = Json::parse(text, nullptr, false);
     return settings.is_object() ? exit_ok
@@ -142,10 +134,14 @@ static int find_changes(const Target &target, const Json &wanted, bool is_forced
             code != exit_ok) {
             return code;
         }
-        if (std::any_of(change.given.values.begin(), change.given.values.end(),
-                        [](const auto &value) { return value.has_value(); })) {
-            changes.push_back(change);
+        if (std::none_of(change.given.values.begin(), change.given.values.end(),
+                         [](const auto &value) { return value.has_value(); })) {
+            continue;
         }
+        if (const int code = is_forced ? exit_ok : refuse_conflict(change); code != exit_ok) {
+            return code;
+        }
+        changes.push_back(change);
     }
     return exit_ok;
 }

@@ -1,10 +1,12 @@
 #include "beaconctl/usual_board.h"
 
+#include "beaconctl/text_file.h"
+
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
+#include <cstring>
 
 static std::optional<uint16_t> read_port(std::string_view text) {
     uint16_t port = 0;
@@ -83,8 +85,12 @@ UsualBoard usual_board() {
     const std::string config = variable("XDG_CONFIG_HOME");
     const std::string name =
         (config.empty() ? variable("HOME") + "/.config" : config) + "/beaconctl";
-    std::ifstream file(name);
-    UsualBoard board = parse_board_file(std::string(std::istreambuf_iterator<char>(file), {}));
+    std::string text;
+    const int error = read_text_file(name, text);
+    UsualBoard board = parse_board_file(text);
+    if (error != 0 && error != ENOENT && error != ENOTDIR) {
+        board.error = strerror(error);
+    }
     board.error = board.error.empty() ? "" : name + ": " + board.error;
     return board;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
 // Which board is meant when the command line names none.
-// Stands on: nothing else of ours.
+// Stands on: beaconctl/text_file.
 
 #include <cstdint>
 #include <optional>
