@@ -314,6 +314,32 @@ def test_a_missing_file_leaves_nothing_behind(board, ctl, daemon):
         1, "beaconctl: /nowhere/a.part: No such file or directory\n")
 
 
+def test_what_does_not_come_is_explained(board, ctl, daemon):
+    os.truncate(board.write("/media/long", ""), 2**31)
+    for path in ("/media/long", "/media"):
+        done = ctl("download", path, "/tmp/here")
+        assert (done.returncode, done.stderr) == (
+            1, f"beaconctl: {path}: the board has no such file, it is a folder, or it has 2 GiB or "
+               "more\n")
+    assert not list(board.path("/tmp").glob("here*"))
+
+
+def test_a_download_goes_on_when_a_full_disk_has_space_again(board, ctl, daemon):
+    whole = content(5 * PIECE)
+    board.write("/media/clip.mp4", whole)
+    board.path("/tmp/small").mkdir()
+    disk = ["/usr/bin/mount", "-t", "tmpfs", "-o", "size=128k", "none", "/tmp/small"]
+    board.run(*disk)
+    done = ctl("download", "/media/clip.mp4", "/tmp/small/copy")
+    assert (done.returncode, done.stderr) == (
+        1, "beaconctl: /tmp/small/copy.part: No space left on device\n"
+           "/tmp/small/copy.part has what was received; --resume continues from there.\n")
+    board.run(*disk[:4], "remount,size=10m", *disk[5:])
+    done = ctl("download", "/media/clip.mp4", "/tmp/small/copy", "--resume")
+    assert done.returncode == 0
+    assert board.path("/tmp/small/copy").read_bytes() == whole
+
+
 @pytest.mark.parametrize("kind", ["device", "link to it", "fifo", "folder"])
 def test_what_is_no_file_is_not_replaced(board, ctl, daemon, kind):
     board.write("/media/a", "x")
