@@ -541,6 +541,38 @@ def test_a_network_camera_that_is_not_there(daemon, play):
     assert lines[0].endswith(", trying again")
 
 
+CAMERA = ("( videotestsrc is-live=true pattern=ball ! video/x-raw,width=160,height=120,framerate=30/1"
+          " ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=15"
+          " ! rtph264pay name=pay0 pt=96 audiotestsrc is-live=true ! alawenc"
+          " ! rtppcmapay name=pay1 pt=8 )")
+
+
+def test_a_network_camera_that_comes_back(board, daemon, play, watch, tmp_path):
+    """Its video is published; its sound, which the board does not ask for, is left alone."""
+    flags = subprocess.check_output(["pkg-config", "--cflags", "--libs",
+                                     "gstreamer-rtsp-server-1.0"], text=True).split()
+    server = tmp_path / "camera-server"
+    subprocess.run(["cc", "-o", server, Path(__file__).with_name("camera_server.c"), *flags],
+                   check=True)
+    board.write("/tmp/camera-server", server.read_bytes()).chmod(0o755)
+
+    def start_camera():
+        return Program(board, tmp_path, "/tmp/camera-server", "127.0.0.9", CAMERA, env=MEDIA)
+
+    camera = start_camera()
+    viewer = watch(daemon)
+    source = play("rtsp://127.0.0.9:8554/live")
+    for _ in range(2):
+        viewer.payloads[1].clear()
+        wait_until(lambda: len(slices_of(viewer.video())) > 40, "a camera's pictures", 60.0)
+        camera.end(signal.SIGKILL)
+        source.complains("trying again")
+        camera = start_camera()
+    assert source.end()[1] == 0
+    assert all("rtsp://127.0.0.9:8554/live: " in line or "no picture for 5 s" in line
+               for line in source.err.read_text().splitlines()), source.err.read_text()
+
+
 @pytest.mark.parametrize("options, told", [
     ((), "source is required"),
     (("",), "neither -, test, exec:COMMAND"),
