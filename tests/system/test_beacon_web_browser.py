@@ -330,6 +330,51 @@ def test_a_movement_is_added_to_the_list(stage, browser):
     assert 'automove_list="30,-10,0,,,,,,,,' in stage.board.path(CONFIG).read_text()
 
 
+# How the rows look when the daemon plays its first movement: those marked, those whose "Go" works.
+ROWS = """
+return import("/movements.js").then(({showMovement}) => {
+    showMovement({movement_running: true, movement_index: 0});
+    const rows = [...document.querySelector("#steps").tBodies[0].rows];
+    return [rows.filter((row) => row.hasAttribute("data-current")).length,
+            rows.filter((row) => !row.querySelector("button").disabled).length];
+});
+"""
+
+
+@pytest.mark.parametrize("change", [
+    "document.querySelector('#add-step').click()",
+    "document.querySelector('#steps [aria-label^=Delete]').click()",
+    "const field = document.querySelector('#steps input'); field.value = '31';"
+    "field.dispatchEvent(new Event('input', {bubbles: true}))",
+], ids=["add", "delete", "edit"])
+def test_movements_that_are_not_saved_cannot_be_played(stage, browser, cut, change):
+    stage.web.change("PUT", "/api/v1/settings/automovement",
+                     {"automove_list": "30,-10,0,,,,,,,,;20,5,0,,,,,,,,"})
+    open_tab(browser, "movements")
+    browser.wait("return document.querySelector('#steps').tBodies[0].rows.length === 2", "the list")
+    assert browser.run(ROWS) == [1, 2]
+    browser.run(change)
+    assert browser.run("return document.querySelectorAll("
+                       "'#steps [data-current], #steps [aria-current=step]').length") == 0
+    assert browser.run(ROWS) == [0, 0]
+    cut("settings/automovement")
+    browser.run("document.querySelector('#save-steps').click()")
+    browser.wait("return document.querySelector('#steps-said').textContent"
+                 " === 'the board does not answer'", "the words")
+    assert browser.run(ROWS) == [0, 0]
+    browser.run(HEAL)
+    browser.run("const fields = document.querySelectorAll('#steps tr:last-child input');"
+                "fields[0].value = '40'; fields[1].value = '1'; fields[2].value = '0';"
+                "document.querySelector('#save-steps').click()")
+    browser.wait("return document.querySelector('#steps-said').textContent === 'Saved.'", "saved")
+    rows = browser.run("return document.querySelector('#steps').tBodies[0].rows.length")
+    assert browser.run(ROWS) == [1, rows]
+    browser.run(change)
+    open_tab(browser, "movements")
+    browser.wait("return document.querySelector('#steps-said').textContent === ''", "the list")
+    assert browser.run(ROWS) == [1, rows]
+
+
 def test_the_status_has_charts(browser):
     open_tab(browser, "status")
     browser.wait("const line = document.querySelector('#chart-frames polyline');"

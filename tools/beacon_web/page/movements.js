@@ -5,12 +5,40 @@ import {$, get, make, post, put, tell} from "./api.js";
 // In the order of the list, see docs/settings.md.
 const columns = ["Pan", "Tilt", "Roll", "Zoom", "Exposure", "Focus x", "Focus y", "Delay s", "Shot", "Manual focus", "Hold"];
 const most = 20;
+let changes = 0; // since the list came
+let isStored = false; // the board's list is the one shown
+
+const rows = () => [...$("steps").tBodies[0].rows];
+
+function mark(current) {
+    rows().forEach((row, i) => {
+        row.toggleAttribute("data-current", i === current);
+        row.cells[0].setAttribute("aria-current", i === current ? "step" : "false");
+    });
+}
+
+// The board counts in its own list: while another one is shown, its numbers mean other rows.
+function setStored(now) {
+    isStored = now;
+    for (const go of document.querySelectorAll("#steps .go")) {
+        go.disabled = !isStored;
+    }
+    if (!isStored) {
+        mark(-1);
+    }
+}
+
+function noteChange() {
+    ++changes;
+    setStored(false);
+    $("steps-said").textContent = "Not saved yet. \"Go\" plays the board's list: save this one first.";
+}
 
 function addStep(values = []) {
     const body = $("steps").tBodies[0];
     if (body.rows.length >= most) {
         $("steps-said").textContent = `The board keeps at most ${most} movements.`;
-        return;
+        return false;
     }
     const number = body.rows.length + 1;
     const row = body.insertRow();
@@ -20,7 +48,7 @@ function addStep(values = []) {
         input.setAttribute("aria-label", `${name}, movement ${number}`);
         row.insertCell().append(input);
     });
-    const go = make("button", {type: "button", textContent: "Go"});
+    const go = make("button", {type: "button", className: "go", textContent: "Go"});
     go.onclick = () => tell($("steps-said"), () => post("movement", {do: "move", step: row.sectionRowIndex}));
     const drop = make("button", {type: "button", textContent: "Delete"});
     drop.setAttribute("aria-label", `Delete movement ${number}`);
@@ -29,8 +57,10 @@ function addStep(values = []) {
         [...body.rows].forEach((each, i) => {
             each.cells[0].textContent = i + 1;
         });
+        noteChange();
     };
     row.insertCell().append(go, " ", drop);
+    return true;
 }
 
 function allowChanges(isAllowed) {
@@ -42,6 +72,7 @@ function allowChanges(isAllowed) {
 // Until the list has come there is nothing to change: it would replace the board's.
 export const openMovements = () => tell($("steps-said"), async () => {
     allowChanges(false);
+    setStored(false);
     $("steps").tBodies[0].replaceChildren();
     const section = await get("settings/automovement");
     const list = section.fields.find((field) => field.key === "automove_list").value;
@@ -49,27 +80,35 @@ export const openMovements = () => tell($("steps-said"), async () => {
     for (const step of list.split(";").filter((each) => each.includes(","))) {
         addStep(step.split(","));
     }
+    changes = 0;
+    setStored(true);
     allowChanges(true);
 });
 
 const save = () => tell($("steps-said"), async () => {
-    const steps = [...$("steps").tBodies[0].rows].map((row) =>
-        [...row.querySelectorAll("input")].map((input) => input.value.trim()).join(","));
+    const steps = rows().map((row) => [...row.querySelectorAll("input")].map((input) => input.value.trim()).join(","));
+    const sent = changes;
     await put("settings/automovement", {automove_list: steps.join(";")});
-}, "Saved.");
+    if (changes !== sent) {
+        return "Saved, but not what was changed meanwhile.";
+    }
+    setStored(true);
+    return "Saved.";
+});
 
 export function showMovement(status) {
-    [...$("steps").tBodies[0].rows].forEach((row, i) => {
-        const isCurrent = Boolean(status?.movement_running) && status.movement_index === i;
-        row.toggleAttribute("data-current", isCurrent);
-        row.cells[0].setAttribute("aria-current", isCurrent ? "step" : "false");
-    });
+    mark(isStored && status?.movement_running ? status.movement_index : -1);
 }
 
 export function startMovements() {
     $("steps").tHead.insertRow().append(make("th", {scope: "col", textContent: "No."}),
         ...columns.map((name) => make("th", {scope: "col", textContent: name})), make("th", {scope: "col", textContent: ""}));
-    $("add-step").onclick = () => addStep();
+    $("add-step").onclick = () => {
+        if (addStep()) {
+            noteChange();
+        }
+    };
+    $("steps").tBodies[0].oninput = noteChange;
     $("save-steps").onclick = save;
     for (const button of document.querySelectorAll("[data-do]")) {
         button.onclick = () => tell($("steps-said"), () => post("movement", {do: button.dataset.do}));
