@@ -214,6 +214,24 @@ def test_a_setting_is_changed_in_its_form(stage, browser):
     assert "app_pan_smooth=7\n" in stage.board.path(CONFIG).read_text()
 
 
+def test_a_key_is_removed(stage, browser):
+    open_section(browser, "streaming")
+    browser.wait("return document.getElementById('field-stream_rtmp_key')", "the form")
+    assert not browser.run("return document.getElementById('remove-stream_rtmp_key')")
+    save_field(browser, "stream_rtmp_key", "abc")
+    browser.wait("return document.getElementById('remove-stream_rtmp_key')", "the box to remove it")
+    name = "return document.getElementById('remove-stream_rtmp_key').labels[0].textContent"
+    assert browser.run(name).strip() == "Remove: Stream rtmp key"
+    assert 'stream_rtmp_key="abc"\n' in stage.board.path(CONFIG).read_text()
+    browser.run("document.getElementById('remove-stream_rtmp_key').click();"
+                "document.querySelector('#fields').requestSubmit()")
+    browser.wait("const field = document.getElementById('field-stream_rtmp_key');"
+                 "return field?.placeholder === 'not set'", "the form without it")
+    assert browser.run("return document.querySelector('#outcome').textContent"
+                       ) == "Saved: Stream rtmp key."
+    assert 'stream_rtmp_key=""\n' in stage.board.path(CONFIG).read_text()
+
+
 def test_the_mode_of_the_display_is_tried(stage, browser):
     open_section(browser, "display")
     browser.wait("return document.getElementById('display-mode')", "the modes")

@@ -34,6 +34,16 @@ function control(field) {
     return input;
 }
 
+// An empty field leaves a secret as it is, so removing one needs a control of its own.
+function removal(field, element) {
+    const box = make("input", {id: `remove-${field.key}`, type: "checkbox"});
+    box.onchange = () => {
+        element.value = "";
+        element.disabled = box.checked;
+    };
+    return make("label", {className: "remove"}, box, " Remove", make("span", {className: "unseen", textContent: `: ${title(field.key)}`}));
+}
+
 const valueOf = (field, element) => (field.kind === "flag" ? (element.checked ? "1" : "0") : element.value);
 
 const before = (field) => (field.secret ? "" : field.kind === "flag" ? (Number(field.value) !== 0 ? "1" : "0") : field.value);
@@ -73,6 +83,7 @@ function show(section) {
         element.setAttribute("aria-describedby", `help-${field.key} problem-${field.key}`);
         return make("div", {className: "field"},
             make("label", {htmlFor: element.id, textContent: title(field.key)}), element,
+            ...(field.secret && field.is_set ? [removal(field, element)] : []),
             make("small", {id: `help-${field.key}`, textContent: field.kind === "flag" || field.kind === "choice"
                 ? field.help : `${field.help} (${field.allowed ?? ""})`}), problem);
     });
@@ -105,7 +116,7 @@ async function save(event) {
     for (const field of shown.fields) {
         $(`problem-${field.key}`).textContent = "";
         const value = valueOf(field, $(`field-${field.key}`));
-        if (value !== before(field)) {
+        if (value !== before(field) || $(`remove-${field.key}`)?.checked) {
             changes[field.key] = value;
             risky ||= field.risky;
         }
