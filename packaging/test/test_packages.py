@@ -334,7 +334,9 @@ def test_settings_survive_a_daemon_killed_while_boot_is_unmounted(board, client)
     old = board.main_pid()
     # A later save would mount it again.
     wait_until(lambda: is_frozen_between_commands(board, old), "a daemon that runs no command")
-    board.run("umount", "/boot")
+    # A machine's /boot, unlike a board's, can be mounted twice: by what a daemon that was killed had
+    # begun, and by the next daemon.
+    board.run("sh", "-c", "while mountpoint -q /boot; do umount /boot; done")
     assert not board.path(BOOT_FILE).exists()
     board.kill(old)
     board.wait_restarted(old)
