@@ -232,6 +232,33 @@ def test_a_key_is_removed(stage, browser):
     assert 'stream_rtmp_key=""\n' in stage.board.path(CONFIG).read_text()
 
 
+def test_every_setting_has_a_control(stage, browser):
+    open_tab(browser, "settings")
+    offered = browser.run("return [...document.querySelectorAll('#section option')]"
+                          ".map((each) => each.value)")
+    for name in stage.web.get("/api/v1/settings").json()["sections"]:
+        reply = stage.web.get(f"/api/v1/settings/{name}")
+        if reply.status == 404:
+            continue
+        assert name in offered
+        # The list has its own tab.
+        keys = [field["key"] for field in reply.json()["fields"] if field["key"] != "automove_list"]
+        browser.run("const list = document.querySelector('#section'); list.value = arguments[0];"
+                    "list.dispatchEvent(new Event('change'))", name)
+        browser.wait("const found = [...document.querySelectorAll('#fields [id^=field-]')];"
+                     "return found.map((each) => each.id.slice(6)).join() === arguments[0].join()",
+                     f"the form of {name}", keys)
+
+
+def test_how_movements_are_played_is_set(stage, browser):
+    open_section(browser, "automovement")
+    browser.wait("return document.getElementById('field-automove_smooth_speed')", "the form")
+    save_field(browser, "automove_smooth_speed", "3")
+    browser.wait("return document.querySelector('#outcome').textContent"
+                 " === 'Saved: Automove smooth speed.'", "saved")
+    assert "automove_smooth_speed=3\n" in stage.board.path(CONFIG).read_text()
+
+
 def test_the_mode_of_the_display_is_tried(stage, browser):
     open_section(browser, "display")
     browser.wait("return document.getElementById('display-mode')", "the modes")

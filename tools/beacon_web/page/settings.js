@@ -76,8 +76,9 @@ function displayModes(more) {
 }
 
 function show(section) {
-    shown = section;
-    const rows = section.fields.map((field) => {
+    // The movement list has a tab of its own.
+    shown = {...section, fields: section.fields.filter((field) => field.key !== "automove_list")};
+    const rows = shown.fields.map((field) => {
         const element = control(field);
         const problem = make("p", {className: "problem", id: `problem-${field.key}`});
         element.setAttribute("aria-describedby", `help-${field.key} problem-${field.key}`);
@@ -100,7 +101,7 @@ function show(section) {
             row.append(scan);
         }
     }
-    $("fields").replaceChildren(...rows, ...(section.fields.length ? [row] : []), ...more,
+    $("fields").replaceChildren(...rows, ...(shown.fields.length ? [row] : []), ...more,
         ...(section.section === "display" ? [displayModes(section.more)] : []));
 }
 
@@ -222,8 +223,7 @@ const loadAll = (event) => tell($("system-said"), async () => {
 
 export async function startSettings() {
     const {sections} = await get("settings");
-    const offered = sections.filter((name) => name !== "automovement");
-    $("section").replaceChildren(...offered.map((name) => make("option", {value: name, textContent: title(name)})));
+    $("section").replaceChildren(...sections.map((name) => make("option", {value: name, textContent: title(name)})));
     $("section").onchange = load;
     $("fields").onsubmit = save;
     $("export").onclick = saveAll;
