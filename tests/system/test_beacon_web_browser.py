@@ -11,7 +11,7 @@ import pytest
 from beacon_web import Web
 from board import EMULATOR, Board
 from browser import NAME, Browser
-from conftest import BUILD, CONFIG, SANITIZERS, wait_until
+from conftest import BUILD, CONFIG, REPOSITORY, SANITIZERS, wait_until
 from test_beacon_web import Stage
 
 pytestmark = [
@@ -50,10 +50,21 @@ def browser(stage):
 
 
 def keep_screenshot(browser, name):
-    """Where the environment names a folder for them, for people to look at."""
-    folder = os.environ.get("QUILLORBEACON_SCREENSHOTS")
-    if folder:
-        Path(folder, f"{name}.png").write_bytes(base64.b64decode(browser.screenshot()))
+    """For people to look at."""
+    folder = Path(os.environ.get("QUILLORBEACON_SCREENSHOTS", REPOSITORY / "build/screenshots"))
+    folder.mkdir(parents=True, exist_ok=True)
+    (folder / f"{name}.png").write_bytes(base64.b64decode(browser.screenshot()))
+
+
+def test_screenshots_are_kept(browser, tmp_path, monkeypatch):
+    monkeypatch.delenv("QUILLORBEACON_SCREENSHOTS", raising=False)
+    kept = REPOSITORY / "build/screenshots/first.png"
+    kept.unlink(missing_ok=True)
+    keep_screenshot(browser, "first")
+    assert kept.read_bytes().startswith(b"\x89PNG")
+    monkeypatch.setenv("QUILLORBEACON_SCREENSHOTS", str(tmp_path / "elsewhere"))
+    keep_screenshot(browser, "first")
+    assert (tmp_path / "elsewhere/first.png").exists()
 
 
 def test_the_picture_plays_by_itself(browser):
