@@ -520,14 +520,41 @@ def test_the_page_fits(browser, width):
     keep_screenshot(browser, f"console-{width}")
 
 
+# The controls without a name; the text of a list's options or of a table's cells is none.
+NAMELESS = """
+return [...document.querySelectorAll("button, input, select, meter, video, table, [tabindex]")]
+    .filter((each) => ![each.getAttribute("aria-label"), each.caption?.textContent,
+                        each.matches("button") && each.textContent,
+                        ...[...each.labels ?? []].map((label) => label.firstChild?.textContent)]
+        .some((name) => name && name.trim()))
+    .map((each) => each.outerHTML);
+"""
+
+
 def test_every_control_has_a_name(browser):
-    for tab in ("status", "settings", "movements", "recordings", "system"):
-        browser.run("document.querySelector(`[aria-controls=${arguments[0]}]`).click()", tab)
-        nameless = browser.run(
-            "return [...document.querySelectorAll('button, input, select, video, [tabindex]')]"
-            ".filter((each) => !each.textContent.trim() && !each.getAttribute('aria-label')"
-            " && !each.labels?.length && !each.closest('label')).map((each) => each.outerHTML)")
-        assert nameless == []
+    ready = {"settings": "return document.querySelectorAll('#fields input').length",
+             "movements": "return document.querySelector('#steps-said').textContent === ''",
+             "rc": "return document.querySelectorAll('#channels meter').length > 5"}
+    for tab in ("status", "settings", "movements", "rc", "recordings", "system"):
+        open_tab(browser, tab)
+        if tab in ready:
+            browser.wait(ready[tab], tab)
+        assert browser.run(NAMELESS) == [], tab
+
+
+def test_each_movement_has_names_of_its_own(browser):
+    open_tab(browser, "movements")
+    browser.wait("return document.querySelector('#steps-said').textContent === ''", "the list")
+    browser.run("const add = document.querySelector('#add-step');"
+                "add.click(); add.click(); add.click();"
+                "document.querySelector('#steps [aria-label^=Delete]').click()")
+    names = browser.run("return [...document.querySelector('#steps').tBodies[0].rows].map((row) =>"
+                        " [...row.querySelectorAll('input, button')].map((each) =>"
+                        "  each.getAttribute('aria-label') ?? each.textContent))")
+    for number, row in enumerate(names, 1):
+        assert row[0] == f"Pan, movement {number}"
+        assert row[-2:] == [f"Go to movement {number}", f"Delete movement {number}"]
+    open_tab(browser, "status")
 
 
 def test_the_page_breaks_none_of_its_own_rules(browser):

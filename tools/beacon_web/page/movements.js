@@ -34,32 +34,41 @@ function noteChange() {
     $("steps-said").textContent = "Not saved yet. \"Go\" plays the board's list: save this one first.";
 }
 
+// Numbers the rows, also in the names of what is in them.
+function nameRows() {
+    rows().forEach((row, i) => {
+        row.cells[0].textContent = i + 1;
+        for (const each of row.querySelectorAll("[data-name]")) {
+            each.setAttribute("aria-label", `${each.dataset.name} movement ${i + 1}`);
+        }
+    });
+}
+
 function addStep(values = []) {
     const body = $("steps").tBodies[0];
     if (body.rows.length >= most) {
         $("steps-said").textContent = `The board keeps at most ${most} movements.`;
         return false;
     }
-    const number = body.rows.length + 1;
     const row = body.insertRow();
-    row.append(make("th", {scope: "row", textContent: number}));
+    row.append(make("th", {scope: "row"}));
     columns.forEach((name, i) => {
         const input = make("input", {value: values[i] ?? "", size: 4, inputMode: "decimal"});
-        input.setAttribute("aria-label", `${name}, movement ${number}`);
+        input.dataset.name = `${name},`;
         row.insertCell().append(input);
     });
     const go = make("button", {type: "button", className: "go", textContent: "Go"});
+    go.dataset.name = "Go to";
     go.onclick = () => tell($("steps-said"), () => post("movement", {do: "move", step: row.sectionRowIndex}));
     const drop = make("button", {type: "button", textContent: "Delete"});
-    drop.setAttribute("aria-label", `Delete movement ${number}`);
+    drop.dataset.name = "Delete";
     drop.onclick = () => {
         row.remove();
-        [...body.rows].forEach((each, i) => {
-            each.cells[0].textContent = i + 1;
-        });
+        nameRows();
         noteChange();
     };
     row.insertCell().append(go, " ", drop);
+    nameRows();
     return true;
 }
 
