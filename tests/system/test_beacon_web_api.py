@@ -10,6 +10,7 @@ import yaml
 from beacon_web import Web, next_text, staged
 from board import EMULATOR, Board, Daemon, promised
 from conftest import BINARY, BUILD, CONFIG, REPOSITORY, SANITIZERS, wait_until
+from rc_reader import Reader
 
 pytestmark = pytest.mark.skipif(bool(EMULATOR), reason="not built for another processor")
 
@@ -298,6 +299,65 @@ def test_receivers(web):
     assert len(receivers) == 2 and receivers[0]["state"] == 0
     wrong = {"receiver": 3, "step": "begin_ends"}
     assert web.change("POST", "/api/v1/rc/calibration", wrong).status == 422
+
+
+def calibrate(web, step, receiver=1):
+    reply = web.change("POST", "/api/v1/rc/calibration", {"receiver": receiver, "step": step})
+    check_reply(reply, "/rc/calibration", "post")
+    return reply.status, reply.json().get("error", "")
+
+
+@pytest.fixture
+def sticks(stage):
+    """A receiver that is not there yet. Its channels are centred."""
+    reader = Reader(stage.board)
+    for channel in range(1, 17):
+        reader.set_raw(channel, 1500)
+    yield reader
+    reader.disconnect(0)
+    reader.close()
+
+
+def test_a_receiver_that_is_not_there_is_not_calibrated(stage, web):
+    before = web.get("/api/v1/rc").json()
+    config = stage.board.path(CONFIG).read_bytes()
+    for step in ("begin_ends", "finish_ends", "take_centres"):
+        assert calibrate(web, step, 2) == (409, "RC2 is absent: switch its transmitter on, and set "
+                                                "rc_enabled and its mode")
+    assert web.get("/api/v1/rc").json() == before
+    assert stage.board.path(CONFIG).read_bytes() == config
+
+
+def test_a_receiver_is_calibrated_in_order(web, sticks):
+    sticks.connect(0)
+    assert calibrate(web, "finish_ends") == (409, "RC1 is not being calibrated: begin again")
+    assert calibrate(web, "begin_ends") == (200, "")
+    assert calibrate(web, "take_centres")[0] == 409 and sticks.state(0) == 2
+    for value in (1100, 1950):
+        sticks.set_raw(3, value)
+        wait_until(lambda: value in sticks.channel(3)[1:3], "the end noted")  # noqa: B023
+    assert calibrate(web, "finish_ends") == (200, "") and sticks.state(0) == 1
+    sticks.set_raw(3, 1490)
+    assert calibrate(web, "take_centres") == (200, "")
+    assert sticks.channel(3)[1:4] == (1100, 1950, 1490)
+    assert calibrate(web, "begin_ends") == (200, "")
+    sticks.set_raw(3, 1900)
+    wait_until(lambda: sticks.channel(3)[2] == 1900, "the end noted")
+    assert calibrate(web, "begin_ends") == (200, ""), "begins again"
+    assert sticks.channel(3)[1:4] == (1900, 1900, 1900)
+    assert calibrate(web, "finish_ends") == (200, "")
+
+
+def test_a_receiver_that_falls_silent_is_not_calibrated(web, sticks):
+    sticks.connect(0)
+    assert calibrate(web, "begin_ends") == (200, "")
+    sticks.disconnect(0)
+    assert calibrate(web, "finish_ends")[0] == 409
+    sticks.connect(0)
+    assert calibrate(web, "finish_ends") == (409, "RC1 does not respond: is it still switched on and "
+                                                  "in range?")
+    sticks.set_raw(1, 1500)
+    assert calibrate(web, "finish_ends") == (409, "RC1 is not being calibrated: begin again")
 
 
 def test_many_questions_are_answered_one_after_another(web):

@@ -1,6 +1,7 @@
 #include "beacon_web/gimbal_hold.h"
 #include "beacon_web/job_queue.h"
 #include "beacon_web/metrics.h"
+#include "beacon_web/rc_calibration.h"
 #include "beacon_web/setting_change.h"
 
 #include "client/packet.h"
@@ -127,6 +128,63 @@ TEST(JobQueue, IsBounded) {
         EXPECT_NE(add_job(queue, asking("x", 'x')), 0U);
     }
     EXPECT_EQ(add_job(queue, asking("x", 'x')), 0U);
+}
+
+namespace {
+
+// Answers the first job's question: the state of RC1, and where its only stick is and was.
+std::optional<FinishedJob> answer_channels(JobQueue &queue, TimePoint now, int state, int raw,
+                                           int centre) {
+    const std::string channel = R"("ch":[{"raw":)" + std::to_string(raw) +
+                                R"(,"min":1000,"max":1000,"c":)" + std::to_string(centre) + "}]}";
+    const std::string second = R"({"cmd":"rc2","state":0,)" + channel;
+    const std::string mine = R"({"cmd":"rc1","state":)" + std::to_string(state) + "," + channel;
+    show_packet(queue, packet_of(second), now);
+    return show_packet(queue, packet_of(mine), now);
+}
+
+} // namespace
+
+TEST(CalibrationJob, IsRefusedUnlessTheReceiverIsHeard) {
+    for (const auto &[state, raw] : {std::pair(rc_absent, 1500), std::pair(rc_present, 0)}) {
+        JobQueue queue;
+        add_job(queue, calibration_job(CalibrationStep::begin_ends, 1));
+        step_jobs(queue, start);
+        const auto finished = answer_channels(queue, start, state, raw, 1500);
+        ASSERT_TRUE(finished);
+        EXPECT_EQ(finished->reply.status, 409);
+        EXPECT_TRUE(step_jobs(queue, later(1)).payloads.empty());
+    }
+}
+
+TEST(CalibrationJob, SendsItsCommandUntilItIsTaken) {
+    const std::string command = calibration_command(CalibrationStep::begin_ends, 1);
+    JobQueue queue;
+    add_job(queue, calibration_job(CalibrationStep::begin_ends, 1));
+    EXPECT_EQ(step_jobs(queue, start).payloads.size(), 1U);
+    for (const int time : {0, 1000}) {
+        EXPECT_FALSE(answer_channels(queue, later(time), rc_present, 1500, 1500));
+        EXPECT_EQ(step_jobs(queue, later(time)).payloads, std::vector<std::string>{command});
+        EXPECT_EQ(step_jobs(queue, later(time + 900)).payloads.size(), 1U) << "the question";
+    }
+    const auto finished = answer_channels(queue, later(2000), rc_calibrating, 1500, 1500);
+    ASSERT_TRUE(finished);
+    EXPECT_EQ(finished->reply.status, 200);
+}
+
+TEST(CalibrationJob, GivesUpWhenItIsNeverTaken) {
+    JobQueue queue;
+    add_job(queue, calibration_job(CalibrationStep::take_centres, 1));
+    step_jobs(queue, start);
+    std::optional<FinishedJob> finished;
+    int time = 0;
+    for (; !finished && time < 20000; time += 1000) {
+        finished = answer_channels(queue, later(time), rc_present, 1500, 1200);
+        step_jobs(queue, later(time));
+        step_jobs(queue, later(time + 900));
+    }
+    ASSERT_TRUE(finished);
+    EXPECT_EQ(finished->reply.status, 504);
 }
 
 namespace {

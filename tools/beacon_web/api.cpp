@@ -2,6 +2,7 @@
 
 #include "beacon_web/display_mode.h"
 #include "beacon_web/live_text.h"
+#include "beacon_web/rc_calibration.h"
 #include "beacon_web/setting_change.h"
 #include "client/answers.h"
 #include "client/command_text.h"
@@ -193,8 +194,7 @@ static HttpReply calibrate(const Api &api, const Json &body) {
     const Json receiver = body.value("receiver", Json());
     for (const auto &[name, step] : steps) {
         if (body.value("step", Json()) == Json(name) && (receiver == 1 || receiver == 2)) {
-            api.send(calibration_command(step, receiver.get<int>()));
-            return done_reply();
+            return waiting_reply(api, calibration_job(step, receiver.get<int>()));
         }
     }
     return error_reply(422,

@@ -2,9 +2,10 @@
 
 // The console's interface for its page and for other programs: /api/v1.
 // Stands on: beacon_web/board_view, beacon_web/display_mode, beacon_web/gimbal_hold,
-// beacon_web/http_reply, beacon_web/job_queue, beacon_web/live_text, beacon_web/request_check,
-// beacon_web/setting_change, client/answers, client/clock, client/command_text, client/packet,
-// client/rc_channels, client/scan, client/section, client/setting_rows.
+// beacon_web/http_reply, beacon_web/job_queue, beacon_web/live_text, beacon_web/rc_calibration,
+// beacon_web/request_check, beacon_web/setting_change, client/answers, client/clock,
+// client/command_text, client/packet, client/rc_channels, client/scan, client/section,
+// client/setting_rows.
 
 #include "beacon_web/board_view.h"
 #include "beacon_web/gimbal_hold.h"

@@ -33,14 +33,6 @@ static int ask_receiver(Calibration &calibration, ReceiverAnswer &receiver) {
     return code;
 }
 
-// The daemon sets the state that a command asks for, whether or not the receiver is there. A lost
-// one has raw values of 0.
-static bool is_heard(const ReceiverAnswer &receiver, int state) {
-    return receiver.state == state &&
-           std::any_of(receiver.channels.begin(), receiver.channels.end(),
-                       [](const ChannelAnswer &channel) { return channel.raw != 0; });
-}
-
 static int report_unheard(const Calibration &calibration) {
     return fail(name_of(calibration) + " does not respond: is it still switched on and in range?");
 }

@@ -96,6 +96,12 @@ std::string function_text(int function) {
     }
 }
 
+bool is_heard(const ReceiverAnswer &receiver, int state) {
+    return receiver.state == state &&
+           std::any_of(receiver.channels.begin(), receiver.channels.end(),
+                       [](const ChannelAnswer &channel) { return channel.raw != 0; });
+}
+
 std::vector<int> moved_channels(const ReceiverAnswer &receiver) {
     std::vector<int> numbers;
     int number = 0;

@@ -52,6 +52,10 @@ enum class CalibrationStep {
 };
 std::string calibration_command(CalibrationStep step, int receiver); // 1 or 2
 
+// Is the receiver in that state, and does it hear its transmitter? The daemon sets the state that a
+// command asks for, whether or not the receiver is there. A lost one has raw values of 0.
+bool is_heard(const ReceiverAnswer &receiver, int state);
+
 // The numbers of the channels that were moved to two different ends so far.
 std::vector<int> moved_channels(const ReceiverAnswer &receiver);
 

@@ -21,6 +21,8 @@ function showStep(text = "") {
     $("calibrate").textContent = isGoing ? steps[step].button : "Calibrate";
     $("rc-said").textContent = text || (isGoing ? `Step ${step + 1} of ${steps.length}: ${steps[step].say}` : "");
     $("receiver").disabled = isGoing;
+    $("calibrate").disabled = false;
+    $("calibrate-anew").hidden = step < 1;
 }
 
 async function goOn() {
@@ -29,10 +31,13 @@ async function goOn() {
         showStep();
         return;
     }
+    $("calibrate").disabled = true; // a second press would be taken as that of the next step
+    $("calibrate-anew").hidden = true;
+    $("rc-said").textContent = "…";
     try {
         await post("rc/calibration", {receiver: chosen(), step: steps[step].then});
     } catch (error) {
-        showStep(`${error.message} Try again.`);
+        showStep(`Step ${step + 1} of ${steps.length} was not taken: ${error.message}`);
         return;
     }
     step = step + 1 < steps.length ? step + 1 : -1;
@@ -66,6 +71,10 @@ async function look() {
 
 export function openRc() {
     $("calibrate").onclick = goOn;
+    $("calibrate-anew").onclick = () => {
+        step = 0;
+        showStep();
+    };
     $("receiver").onchange = () => showStep();
     if (!$("channels").tHead.rows.length) {
         $("channels").tHead.insertRow().append(...["No.", "Function", "Position", "Value", "Raw", "Least", "Centre", "Most"]
