@@ -333,14 +333,20 @@ def test_settings_that_did_not_come_are_no_file(browser, cut):
     system_says(browser, "Video: the board does not answer")
     assert browser.run("return window.files") == 0
     browser.run(HEAL)
-    for status, said in ((404, "Saved. Pass phrases and stream keys are not in the file."),
-                         (502, "cannot be read: Video.")):
-        cut("settings/video", status)
-        browser.run("document.querySelector('#export').click()")
-        browser.wait("const said = document.querySelector('#system-said').textContent;"
-                     "return said.startsWith('Saved') && said.endsWith(arguments[0])", said, said)
+    secrets = "Saved. Pass phrases and stream keys are not in the file."
+    options = (" Left out, as the console runs without --allow-camera-options:"
+               " internal_camera_params.")
+    for section, status, said in (
+            ("video", 404, secrets + options), ("camera", 404, secrets),
+            ("video", 502, f"{secrets} Left out, as the board's answer cannot be read: Video."
+                           f"{options}")):
+        cut(f"settings/{section}", status)
+        browser.run("document.querySelector('#system-said').textContent = '';"
+                    "document.querySelector('#export').click()")
+        browser.wait("return document.querySelector('#system-said').textContent === arguments[0]",
+                     said, said)
         browser.run(HEAL)
-    assert browser.run("HTMLAnchorElement.prototype.click = window.click; return window.files") == 2
+    assert browser.run("HTMLAnchorElement.prototype.click = window.click; return window.files") == 3
 
 
 LOAD = """
@@ -350,6 +356,12 @@ given.items.add(new File([JSON.stringify(arguments[0])], "settings.json"));
 file.files = given.files;
 file.dispatchEvent(new Event("change"));
 """
+
+
+def test_a_file_with_what_the_console_does_not_offer(browser):
+    open_tab(browser, "system")
+    browser.run(LOAD, {"camera": {"internal_camera_params": "-w 640"}})
+    system_says(browser, "runs without --allow-camera-options: internal_camera_params.")
 
 
 def test_a_file_of_settings_that_is_refused_in_part(stage, browser):

@@ -148,7 +148,7 @@ async function save(event) {
     }
 }
 
-// What the board has by section, and a sentence about those that nobody can read.
+// What the board has by section, and sentences about what is left out.
 async function allSettings() {
     const {sections} = await get("settings");
     const all = {};
@@ -168,7 +168,10 @@ async function allSettings() {
             }
         }
     }
-    return [all, unreadable.length ? ` Left out, as the board's answer cannot be read: ${unreadable.join(", ")}.` : ""];
+    const options = "internal_camera_params";
+    const isHidden = all.camera && all.camera[options] === undefined;
+    return [all, (unreadable.length ? ` Left out, as the board's answer cannot be read: ${unreadable.join(", ")}.` : "")
+        + (isHidden ? ` Left out, as the console runs without --allow-camera-options: ${options}.` : "")];
 }
 
 const saveAll = () => tell($("system-said"), async () => {
