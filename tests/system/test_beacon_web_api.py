@@ -99,6 +99,48 @@ def test_metrics(web):
     assert ("beacon_up", "1") in values
 
 
+def metric(web, name):
+    """The value, or nothing if there is none."""
+    found = re.search(rf"(?m)^beacon_{name}(?:{{.*}})? (\S+)$", web.get("/metrics").body.decode())
+    return found and float(found[1])
+
+
+def test_a_temperature_that_cannot_be_read_is_no_number(stage, web):
+    assert metric(web, "temperature_celsius") is None
+    assert "temperature" not in web.get("/api/v1/status").json()
+    sensor = stage.board.path("/sys/class/thermal/thermal_zone0/temp")
+    sensor.write_text("48312\n")
+    wait_until(lambda: metric(web, "temperature_celsius") == 48, "the temperature")
+    assert web.get("/api/v1/status").json()["temperature"] == 48
+    sensor.unlink()
+    wait_until(lambda: metric(web, "temperature_celsius") is None, "no temperature")
+
+
+def test_free_space_without_a_drive_is_not_the_drives(stage, web):
+    """While nothing is mounted at /media, its free space is the system's."""
+    def storage():
+        return dict(web.get("/api/v1/status").json()["words"])["Storage"]
+
+    def is_known():
+        known = [metric(web, "storage_free_bytes") is not None,
+                 "free_bytes" in web.get("/api/v1/status").json()]
+        return known[0] if known[0] == known[1] else None
+
+    wait_until(lambda: is_known() is True, "the drive's space")
+    stage.board.write("/dev/sda", "")
+    stage.board.run("/usr/bin/umount", "/media")
+    wait_until(lambda: storage() == "external, no drive mounted: -", "a dash")
+    assert is_known() is False
+    # So a service sees the folder that it may write to.
+    stage.board.run("/usr/bin/mount", "--bind", "/media", "/media")
+    time.sleep(2)
+    assert storage() == "external, no drive mounted: -" and is_known() is False
+    stage.board.run("/usr/bin/mount", "-t", "tmpfs", "-o", "size=80g", "none", "/media")
+    wait_until(lambda: storage() == "external, 85.9 GB free", "the drive")
+    assert is_known() is True
+    stage.board.path("/dev/sda").unlink()
+
+
 def wait_held(stage, beginning, send):
     """Sends until the gimbal has values that begin so: they stay for 300 ms only."""
     def is_held():

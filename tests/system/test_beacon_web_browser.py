@@ -453,6 +453,22 @@ def test_the_status_has_charts(browser):
     assert said.startswith("Video: ") and said.endswith(" Mbit/s")
 
 
+def test_what_is_not_known_has_no_point_in_its_chart(stage, browser):
+    def wait_caption(text):
+        browser.wait("return document.querySelector('#chart-temperature figcaption')?.textContent"
+                     " === arguments[0]", text, text)
+
+    open_tab(browser, "status")
+    wait_caption("Temperature: unknown")
+    points = "return document.querySelector('#chart-temperature polyline').getAttribute('points')"
+    assert browser.run(points).strip() == ""
+    sensor = stage.board.path("/sys/class/thermal/thermal_zone0/temp")
+    sensor.write_text("48312\n")
+    wait_caption("Temperature: 48 °C")
+    sensor.unlink()
+    wait_caption("Temperature: unknown")
+
+
 def said_of_calibration(browser, beginning):
     browser.wait("const text = document.querySelector('#rc-said').textContent;"
                  "return text.startsWith(arguments[0])", beginning, beginning)

@@ -65,3 +65,21 @@ TEST(ClientList, StaysWhileItIsBeingWrittenAndGoesWithTheFile) {
     note_clients(view, std::nullopt);
     EXPECT_FALSE(tells_clients(view, now));
 }
+
+TEST(BoardText, TellsNoNumberThatIsNotKnown) {
+    BoardView view;
+    view.status = StatusRecord{};
+    view.status->storage_place = 2;
+    view.status->free_megabytes = 83000;
+    const auto has = [&view](const char *part) {
+        return board_text(view, TimePoint{}).find(part) != std::string::npos;
+    };
+    EXPECT_FALSE(has("]],\"temperature\":"));
+    EXPECT_TRUE(has("\"free_bytes\":83000000000.0"));
+    EXPECT_TRUE(has("external, 83.0 GB free"));
+    view.mount_info = "25 1 179:2 / / rw - ext4 /dev/root rw\n";
+    EXPECT_FALSE(has("free_bytes"));
+    EXPECT_TRUE(has("external, no drive mounted: -"));
+    view.status->temperature = 48;
+    EXPECT_TRUE(has("]],\"temperature\":48"));
+}

@@ -287,3 +287,21 @@ TEST(Metrics, CountersEndInTotalAndValuesAreThere) {
     EXPECT_NE(nothing.find("beacon_up 0\n"), std::string::npos);
     EXPECT_EQ(nothing.find("temperature"), std::string::npos);
 }
+
+TEST(Metrics, WhatIsNotKnownIsLeftOut) {
+    BoardView view;
+    view.status = StatusRecord{};
+    view.status->storage_place = 2;
+    view.status->free_megabytes = 83000;
+    const auto has = [&view](const char *name) {
+        return metrics_text(view, 0, 0, start).find(name) != std::string::npos;
+    };
+    EXPECT_FALSE(has("temperature")); // 0: it could not be read
+    EXPECT_TRUE(has("storage_free"));
+    view.mount_info = "25 1 179:2 / / rw - ext4 /dev/root rw\n";
+    EXPECT_FALSE(has("storage_free")); // it is the system's
+    view.mount_info += "30 25 8:1 / /media rw - vfat /dev/sda1 rw\n";
+    EXPECT_TRUE(has("storage_free"));
+    view.status->storage_place = 0;
+    EXPECT_FALSE(has("storage_free"));
+}

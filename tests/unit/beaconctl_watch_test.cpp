@@ -144,3 +144,21 @@ TEST(MountList, SaysWhetherADriveIsAtThePlace) {
     record.storage_place = 255;
     EXPECT_EQ(drive_of(record, mounts), Drive::unknown);
 }
+
+TEST(MountList, AFolderOfTheSystemOverItselfIsNoDrive) {
+    StatusRecord record{};
+    record.storage_place = 2;
+    const std::string system = "25 1 179:2 / / ro shared:1 - ext4 /dev/root rw\n"
+                               "30 25 8:17 / /media/other rw - vfat /dev/sdb1 rw\n";
+    const std::string folder = "31 25 179:2 /media /media rw - ext4 /dev/root rw\n";
+    const std::string drive = "32 31 8:1 / /media rw - vfat /dev/sda1 rw\n";
+    EXPECT_EQ(drive_here(record, system), Drive::missing);
+    EXPECT_EQ(drive_here(record, system + folder), Drive::missing);
+    EXPECT_EQ(drive_here(record, system + folder + drive), Drive::mounted);
+    EXPECT_EQ(drive_here(record, drive + system), Drive::mounted);
+    EXPECT_EQ(drive_here(record, ""), Drive::unknown);
+    record.storage_place = 1;
+    EXPECT_EQ(drive_here(record, system + folder + drive), Drive::missing);
+    record.storage_place = 255;
+    EXPECT_EQ(drive_here(record, system), Drive::unknown);
+}

@@ -39,6 +39,24 @@ void note_clients(BoardView &view, const std::optional<std::string> &text) {
     }
 }
 
+Drive drive_of_view(const BoardView &view) {
+    return view.status ? drive_here(*view.status, view.mount_info) : Drive::unknown;
+}
+
+std::optional<double> free_bytes(const BoardView &view) {
+    if (!view.status || view.status->storage_place == 0 || drive_of_view(view) == Drive::missing) {
+        return std::nullopt;
+    }
+    return view.status->free_megabytes * 1e6;
+}
+
+std::optional<int> temperature(const BoardView &view) {
+    if (!view.status || view.status->temperature == 0) { // the daemon says 0 then
+        return std::nullopt;
+    }
+    return view.status->temperature;
+}
+
 void note_refused(BoardView &view) {
     view.is_refused = true;
 }

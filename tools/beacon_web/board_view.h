@@ -1,11 +1,12 @@
 #pragma once
 
 // What the console has seen of the board.
-// Stands on: beacon_web/client_list, client/clock, client/packet, client/sequence_count,
-// client/status_record, source/audio_format.
+// Stands on: beacon_web/client_list, client/clock, client/mount_list, client/packet,
+// client/sequence_count, client/status_record, source/audio_format.
 
 #include "beacon_web/client_list.h"
 #include "client/clock.h"
+#include "client/mount_list.h"
 #include "client/packet.h"
 #include "client/sequence_count.h"
 #include "client/status_record.h"
@@ -40,6 +41,7 @@ struct BoardView {
     TimePoint sound_at{};                                 // the last packet of sound
     bool has_known_sound = false;                         // the page can play it
     std::optional<std::vector<RegisteredClient>> clients; // known where the daemon runs
+    std::string mount_info;  // own_mount_info_path, where the daemon runs; empty: not known
     int16_t menu_event = -1; // the last one that has not been passed on; -1: none
 };
 
@@ -48,6 +50,15 @@ void note_packet(BoardView &view, const PacketView &packet, TimePoint now);
 
 // Takes the text of the daemon's list of clients, if there is one. Half a list changes nothing.
 void note_clients(BoardView &view, const std::optional<std::string> &text);
+
+// Whether a drive is at the storage place of the last status record.
+Drive drive_of_view(const BoardView &view);
+
+// Nothing: the status does not say, or the free space is not that of a drive.
+std::optional<double> free_bytes(const BoardView &view);
+
+// Degrees Celsius. Nothing: the board cannot read it.
+std::optional<int> temperature(const BoardView &view);
 
 // The daemon's port is closed.
 void note_refused(BoardView &view);

@@ -6,9 +6,12 @@
 #include "beacon_web/recordings_api.h"
 #include "beacon_web/sound.h"
 #include "beacon_web/video_track.h"
+#include "client/mount_list.h"
 #include "client/packet.h"
 #include "client/sequence_count.h"
 
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -70,6 +73,11 @@ static void send(Console &console, const std::string &payload) {
     }
 }
 
+static std::string read_mount_info() {
+    std::ifstream file(own_mount_info_path);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
 constexpr double client_list_seconds = 1.0; // the daemon writes one each second
 
 std::vector<FinishedJob> step_console(Console &console, TimePoint now) {
@@ -82,6 +90,7 @@ std::vector<FinishedJob> step_console(Console &console, TimePoint now) {
     }
     if (now >= console.next_client_list) {
         note_clients(console.view, console.view.is_here ? read_client_list() : std::nullopt);
+        console.view.mount_info = console.view.is_here ? read_mount_info() : "";
         console.next_client_list = now + from_seconds(client_list_seconds);
     }
     step_disk_waits(console.disks, console.late_replies, now);

@@ -5,7 +5,7 @@
 // beacon_web/gimbal_hold, beacon_web/http_reply, beacon_web/job_queue,
 // beacon_web/jpeg_maker, beacon_web/login, beacon_web/metrics, beacon_web/picture_ring,
 // beacon_web/recordings_api, beacon_web/request_check, beacon_web/sound, beacon_web/video_track,
-// client/packet, client/sequence_count.
+// client/mount_list, client/packet, client/sequence_count.
 
 #include "beacon_web/board_link.h"
 #include "beacon_web/board_view.h"
@@ -50,7 +50,7 @@ struct Console {
     JobQueue jobs;
     std::vector<FinishedJob> late_replies; // to requests for files and JPEGs
     DiskWaits disks;
-    TimePoint next_client_list{};    // when it is read again
+    TimePoint next_client_list{};    // when it is read again, and the mounts
     std::vector<std::string> names;  // allowed_names()
     bool has_camera_options = false; // --allow-camera-options
     int viewers = 0;                 // browsers that are connected

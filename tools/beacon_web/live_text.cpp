@@ -43,7 +43,13 @@ std::string board_text(const BoardView &view, TimePoint now) {
     if (view.status) {
         text["seconds_since_status"] = seconds_between(view.status_at, now);
         text["status"] = Json::parse(status_json(*view.status), nullptr, false);
-        text["words"] = status_words(*view.status);
+        text["words"] = status_words(*view.status, drive_of_view(view));
+        if (const std::optional<int> degrees = temperature(view)) {
+            text["temperature"] = *degrees;
+        }
+        if (const std::optional<double> bytes = free_bytes(view)) {
+            text["free_bytes"] = *bytes;
+        }
     }
     if (view.clients && is_present(view, now)) {
         text["clients"] = clients_json(*view.clients);

@@ -58,17 +58,25 @@ static void add_services(std::string &text, const StatusRecord &status) {
     }
 }
 
+static void add_measured(std::string &text, const BoardView &view) {
+    if (const std::optional<int> degrees = temperature(view)) {
+        add_one(text, "temperature_celsius", "gauge", "Temperature of the board's processor.",
+                *degrees);
+    }
+    const int place = view.status->storage_place;
+    const std::optional<double> bytes = free_bytes(view);
+    if (bytes && (place == 1 || place == 2)) {
+        describe(text, "storage_free_bytes", "gauge", "Free space where recordings go.");
+        add_value(text,
+                  std::string("storage_free_bytes{place=\"") +
+                      (place == 1 ? "internal" : "external") + "\"}",
+                  *bytes);
+    }
+}
+
 static void add_status(std::string &text, const StatusRecord &status) {
     add_one(text, "clients", "gauge", "Clients that are registered with the daemon.",
             status.client_count);
-    add_one(text, "temperature_celsius", "gauge", "Temperature of the board's processor.",
-            status.temperature);
-    describe(text, "storage_free_bytes", "gauge", "Free space where recordings go.");
-    const char *place = status.storage_place == 1 ? "internal" : "external";
-    if (status.storage_place == 1 || status.storage_place == 2) {
-        add_value(text, std::string("storage_free_bytes{place=\"") + place + "\"}",
-                  status.free_megabytes * 1e6);
-    }
     describe(text, "source_present", "gauge", "Sources on the board that send.");
     add_value(text, "source_present{source=\"data\"}", status.data_source ? 1 : 0);
     add_value(text, "source_present{source=\"video\"}", status.video ? 1 : 0);
@@ -97,6 +105,7 @@ std::string metrics_text(const BoardView &view, int viewers, uint64_t dropped, T
     if (view.status) {
         add_one(text, "status_age_seconds", "gauge", "Seconds since the last status record.",
                 seconds_between(view.status_at, now));
+        add_measured(text, view);
         add_status(text, *view.status);
     }
     return text;

@@ -8,6 +8,6 @@
 
 #include <string>
 
-// In Prometheus' text format. `viewers`: browsers that are connected; `dropped`: pictures that came
-// after a loss and could not be shown.
+// In Prometheus' text format, without what is not known. `viewers`: browsers that are connected;
+// `dropped`: pictures that came after a loss and could not be shown.
 std::string metrics_text(const BoardView &view, int viewers, uint64_t dropped, TimePoint now);

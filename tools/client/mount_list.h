@@ -3,6 +3,7 @@
 // Tells whether a drive is mounted at the storage place that the status record names.
 // Stands on: client/status_record.
 
+#include <string>
 #include <string_view>
 
 struct StatusRecord;
@@ -20,3 +21,9 @@ constexpr const char *mount_list_path = "/proc/mounts"; // on the board; fits in
 
 // `mounts`: what is in that file.
 Drive drive_of(const StatusRecord &record, std::string_view mounts);
+
+constexpr const char *own_mount_info_path = "/proc/self/mountinfo";
+
+// The same for a program on the board. `mount_info`: what is in that file. A service may have a
+// folder of the system mounted over itself, which is no drive.
+Drive drive_here(const StatusRecord &record, const std::string &mount_info);

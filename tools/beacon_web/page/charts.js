@@ -48,7 +48,8 @@ function draw(name, chart) {
         : `${((first + i) * width / (kept - 1)).toFixed(1)},${(height - 2 - (value - low) * scale).toFixed(1)}`)).join(" "));
     const now = chart.values.at(-1);
     chart.caption.textContent = `${title}: ${now === null ? "unknown" : `${now.toFixed(digits)} ${unit}`}`;
-    chart.drawing.setAttribute("aria-label", `${title} in the last two minutes: ${least.toFixed(digits)} to ${most.toFixed(digits)} ${unit}`);
+    const range = known.length === 0 ? "unknown" : `${least.toFixed(digits)} to ${most.toFixed(digits)} ${unit}`;
+    chart.drawing.setAttribute("aria-label", `${title} in the last two minutes: ${range}`);
 }
 
 // What is known of the board now, and how far behind the newest picture the player is, in seconds.
@@ -62,14 +63,13 @@ export function addToCharts(board, behind, now) {
     }
     // The console may have begun anew.
     const perSecond = (after, earlier) => (after >= earlier ? (after - earlier) / seconds : null);
-    const status = board.present ? board.status : null;
     const values = {
         rate: perSecond(board.streams.video.bytes * 8 / 1e6, before.streams.video.bytes * 8 / 1e6),
         frames: perSecond(board.pictures, before.pictures),
         lost: perSecond(board.lost, before.lost),
         delay: behind === null ? null : behind * 1000,
-        temperature: status ? status.temperature : null,
-        free: status ? status.free_megabytes / 1000 : null,
+        temperature: board.present ? board.temperature ?? null : null,
+        free: board.present && board.free_bytes !== undefined ? board.free_bytes / 1e9 : null,
     };
     for (const [name, value] of Object.entries(values)) {
         const chart = chartOf(name);
