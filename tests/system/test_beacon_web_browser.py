@@ -447,7 +447,7 @@ def test_movements_that_are_not_saved_cannot_be_played(stage, browser, cut, chan
 def test_the_status_has_charts(browser):
     open_tab(browser, "status")
     browser.wait("const line = document.querySelector('#chart-frames polyline');"
-                 "return line && line.getAttribute('points').split(' ').length > 4", "a chart")
+                 "return line?.getAttribute('points')?.split(' ').length > 4", "a chart")
     said = browser.wait("const text = document.querySelector('#chart-rate figcaption').textContent;"
                         "return / [1-9][\\d.]* Mbit|0\\.[1-9]/.test(text) && text", "the bit rate")
     assert said.startswith("Video: ") and said.endswith(" Mbit/s")
