@@ -207,6 +207,20 @@ def open_section(browser, name):
                 "list.dispatchEvent(new Event('change'))", name)
 
 
+def test_a_late_answer_for_another_section_is_not_shown(browser):
+    browser.run("window.uncut = window.fetch; window.fetch = (path, ...more) => {"
+                " const answer = window.uncut(path, ...more);"
+                " if (!path.endsWith('settings/info')) return answer;"
+                " return new Promise((done) => { window.late = () => done(answer); }); }")
+    open_section(browser, "info")
+    open_section(browser, "gimbal")
+    browser.wait("return document.getElementById('field-app_pan_smooth')", "the form")
+    # What the page does with the answer is done before a later timer runs.
+    browser.run("window.fetch = window.uncut; window.late();"
+                " return new Promise((done) => setTimeout(done, 100))")
+    assert browser.run("return document.getElementById('field-app_pan_smooth') !== null")
+
+
 def save_field(browser, name, value):
     browser.run("const field = document.getElementById(`field-${arguments[0]}`);"
                 "if (field.type === 'checkbox') field.checked = arguments[1];"

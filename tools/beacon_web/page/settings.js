@@ -106,8 +106,14 @@ function show(section) {
 }
 
 async function load() {
+    const name = $("section").value;
     $("fields").replaceChildren();
-    await tell($("outcome"), async () => show(await get(`settings/${$("section").value}`)));
+    await tell($("outcome"), async () => {
+        const section = await get(`settings/${name}`);
+        if ($("section").value === name) { // no other has been chosen meanwhile
+            show(section);
+        }
+    });
 }
 
 async function save(event) {
