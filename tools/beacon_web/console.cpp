@@ -11,7 +11,6 @@
 #include "client/sequence_count.h"
 
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -75,7 +74,9 @@ static void send(Console &console, const std::string &payload) {
 
 static std::string read_mount_info() {
     std::ifstream file(own_mount_info_path);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::string text;
+    std::getline(file, text, '\0'); // all of it; unlike an iterator, it throws nothing
+    return text;
 }
 
 constexpr double client_list_seconds = 1.0; // the daemon writes one each second
