@@ -143,6 +143,7 @@ def test_both_are_made_writable_on_request(board, client):
     wait_until(lambda: is_writable(board) == (True, True), "a writable partition")
     client.send({"cmd": "updateconfig", "param": "fs_rw", "value": "0"})
     wait_until(lambda: "fs_rw=0\r\n" in settings(board), "the setting is off")
+    client.section("streaming")  # the change is over
     board.run("mount", "-o", "remount,ro", "/boot/firmware")
 
 
