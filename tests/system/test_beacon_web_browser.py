@@ -228,6 +228,11 @@ def save_field(browser, name, value):
                 "document.querySelector('#fields').requestSubmit()", name, value)
 
 
+def wait_saved(browser, title):
+    browser.wait("return document.querySelector('#outcome').textContent === arguments[0]",
+                 f"{title} is saved", f"Saved: {title}.")
+
+
 def test_a_setting_is_changed_in_its_form(stage, browser):
     open_section(browser, "gimbal")
     browser.wait("return document.getElementById('field-app_pan_smooth')", "the form")
@@ -235,8 +240,7 @@ def test_a_setting_is_changed_in_its_form(stage, browser):
     browser.wait("return document.getElementById('problem-app_pan_smooth').textContent"
                  ".includes('a number from 0')", "the problem at the field")
     save_field(browser, "app_pan_smooth", "7")
-    browser.wait("return document.querySelector('#outcome').textContent"
-                 " === 'Saved: App pan smooth.'", "saved")
+    wait_saved(browser, "App pan smooth")
     assert "app_pan_smooth=7\n" in stage.board.path(CONFIG).read_text()
 
 
@@ -269,8 +273,7 @@ def test_every_setting_has_a_control(stage, browser):
         assert name in offered
         # The list has its own tab.
         keys = [field["key"] for field in reply.json()["fields"] if field["key"] != "automove_list"]
-        browser.run("const list = document.querySelector('#section'); list.value = arguments[0];"
-                    "list.dispatchEvent(new Event('change'))", name)
+        open_section(browser, name)
         browser.wait("const found = [...document.querySelectorAll('#fields [id^=field-]')];"
                      "return found.map((each) => each.id.slice(6)).join() === arguments[0].join()",
                      f"the form of {name}", keys)
@@ -280,8 +283,7 @@ def test_how_movements_are_played_is_set(stage, browser):
     open_section(browser, "automovement")
     browser.wait("return document.getElementById('field-automove_smooth_speed')", "the form")
     save_field(browser, "automove_smooth_speed", "3")
-    browser.wait("return document.querySelector('#outcome').textContent"
-                 " === 'Saved: Automove smooth speed.'", "saved")
+    wait_saved(browser, "Automove smooth speed")
     assert "automove_smooth_speed=3\n" in stage.board.path(CONFIG).read_text()
 
 
